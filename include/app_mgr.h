@@ -1,0 +1,86 @@
+/* libapp-mgr: the HbbTV application manager of the receiver.
+ *
+ * The TV middleware loads this library and drives it through the entry
+ * points below. Results follow the convention of each module: lifecycle and
+ * core calls return 1 for success and 0 for failure, the messaging layer
+ * returns ErrorType_t. No call blocks longer than stated and none raises. */
+#ifndef APP_MGR_H
+#define APP_MGR_H
+
+#include "app_mgr_export.h"
+#include "app_mgr_types.h"
+
+APPMGR_BEGIN_DECLS
+
+/* ---- lifecycle ----------------------------------------------------------
+ * First call: opens the five browser connections and waits up to 60 s for
+ * the browser to report itself (blocking the caller). Second call, once the
+ * browser is up: activates the manager and starts the autostart application
+ * of the current AIT. */
+APPMGR_API int applicationManagerInit(void);
+/* Back to suspended: the browser stays, the running application is ended. */
+APPMGR_API int applicationManagerDeInit(void);
+/* Restarts the autostart application of the current AIT (1 if one started). */
+APPMGR_API int applicationManagerRestart(void);
+/* Tells the browser to close and tears messaging down. */
+APPMGR_API int applicationManagerClose(void);
+/* Waits (up to 60 s) for the browser's state report; 1 reported, 0 time-out. */
+APPMGR_API int start_web_browser(void);
+/* Process-exit handler: quits the browser and exits with status 0. */
+APPMGR_API void ctrlc_handler(void);
+
+/* Stores the User-Agent text (at most 4095 characters; longer texts select
+ * the built-in default). "%%" in the text is stored as "%". */
+APPMGR_API int setAMUserAgent(char* ua);
+/* The stored User-Agent, or NULL if none was ever stored. */
+APPMGR_API char* getAMUserAgent(void);
+/* polarity 1 sends "UTC-hh:mm:00", 0 sends "UTC+hh:mm:00", else an empty text. */
+APPMGR_API int setTimeZone(int polarity, int hour, int minute);
+
+/* ---- socket transport --------------------------------------------------- */
+
+APPMGR_API ErrorType_t messenger_init(Messenger_t* d_msg, data_recived_clb func, void* priv);
+APPMGR_API ErrorType_t messenger_start(Messenger_t* d_msg);
+APPMGR_API ErrorType_t messenger_stop(Messenger_t* d_msg);
+APPMGR_API ErrorType_t messenger_send(Messenger_t* d_msg, void* data, unsigned int length);
+APPMGR_API void messenger_close_connection(Messenger_t* d_msg);
+
+/* ---- message connections and wire format -------------------------------- */
+
+APPMGR_API ErrorType_t tools_msg_init(GlobalData_t* data, int argc, char** argv);
+APPMGR_API ErrorType_t tools_msg_connect(GlobalData_t* data);
+APPMGR_API ErrorType_t tools_msg_close(GlobalData_t* data);
+APPMGR_API ErrorType_t tools_msg_send_msg(GlobalData_t* data, Mng_ConnectionType_t type,
+                                          char* buff, unsigned int len);
+/* Takes the next "|"-terminated field of temp_string into param and returns
+ * the position after the separator, or NULL (param is then empty). param must
+ * hold 1024 bytes: longer fields are cut to 1023 characters. */
+APPMGR_API char* parse_parameter(char* temp_string, char* param);
+APPMGR_API int input_data_received(void* data, char* buff, int len);
+
+/* ---- outgoing commands -------------------------------------------------- */
+
+/* Sends one command or callback to the browser; 1 sent, 0 not sent. */
+APPMGR_API int send_command(int commandID, void* param);
+
+/* ---- AIT guard (recursive, process-wide) -------------------------------- */
+
+APPMGR_API int initAitGuard(void);
+APPMGR_API int deinitAitGuard(void);
+APPMGR_API int lockAitGuard(void);
+APPMGR_API int unlockAitGuard(void);
+
+/* ---- middleware notifications ------------------------------------------- */
+
+APPMGR_API void aitUpdate(AitTable* ait);
+APPMGR_API int sendNetworkStatus(int status);
+APPMGR_API void send_dsmcc_module_date_update_msg(unsigned short nModuleID,
+                                                  unsigned char bIsDirRef, void* pData);
+
+/* ---- key sets ----------------------------------------------------------- */
+
+APPMGR_API int setKeySet(int value, int* otherKeys);
+
+APPMGR_END_DECLS
+
+#endif /* APP_MGR_H */
