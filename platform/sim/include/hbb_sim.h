@@ -1,0 +1,123 @@
+/* Control interface of the simulated platform (libappmgr-platform-sim).
+ *
+ * A host, the emulator or a test uses these calls to set the simulated
+ * receiver up (channels, network), to fire the middleware notifications the
+ * library registered for, and to observe the platform calls the library
+ * made. None of these functions is part of the porting layer: a receiver's
+ * middleware does not provide them. All of them are thread-safe. */
+#ifndef HBB_SIM_H
+#define HBB_SIM_H
+
+#include "hbb_platform.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- call trace ----------------------------------------------------------
+ * Every porting-layer function of the simulator reports itself to the trace
+ * hook (if set) with its name and a short rendering of its arguments and
+ * result, e.g. ("hbbBindCurrentChannel", "-> 0"). Log functions are not
+ * traced. The hook runs on the calling thread. */
+typedef void (*hbb_sim_trace_fn)(const char* function, const char* details, void* user);
+void hbb_sim_set_trace(hbb_sim_trace_fn fn, void* user);
+
+/* Number of calls made to a porting-layer function since the last reset. */
+int hbb_sim_call_count(const char* function);
+/* Details text of the last call to a function ("" if none); copied into buf
+ * (always terminated, cut to buf_size - 1 characters). Returns the length of
+ * the full details text, or -1 when the function was not called. */
+int hbb_sim_last_call(const char* function, char* buf, int buf_size);
+/* Forgets recorded calls, registered callbacks and channels, and puts every
+ * other simulated state (display, keys, decoders, video window, settable
+ * answers) back to its start value. Log settings and hooks stay. */
+void hbb_sim_reset(void);
+
+/* ---- logging -------------------------------------------------------------
+ * Lines go to stderr at or above the minimum level (library levels: 2 info,
+ * 3 warning, 5 error). The environment variable HBB_SIM_LOG_LEVEL sets the
+ * initial minimum (default 2); HBB_SIM_LOG_FILE names an optional log file.
+ * Both are read once, at the first log call or control call. */
+void hbb_sim_set_log_level(int min_level);
+int hbb_sim_log_level(void);
+int hbb_sim_set_log_file(const char* path);  /* NULL closes it; 0 on success */
+/* Reads HBB_SIM_LOG_LEVEL and HBB_SIM_LOG_FILE again (an unset level means
+ * 2, an unset file closes the log file). */
+void hbb_sim_log_from_env(void);
+/* Console output on (default) or off; the hook and the file are unaffected. */
+void hbb_sim_set_log_stderr(int enabled);
+/* Optional hook that receives every formatted console line (after filtering,
+ * without the final newline). It runs on the logging thread, outside the
+ * simulator's locks. */
+typedef void (*hbb_sim_log_fn)(int level, const char* line, void* user);
+void hbb_sim_set_log_hook(hbb_sim_log_fn fn, void* user);
+
+/* ---- middleware notifications --------------------------------------------
+ * Fire the callbacks the library registered through QUMAm_*; each returns 0
+ * when a callback was registered and called, -1 otherwise. The callback runs
+ * on the calling thread. */
+int hbb_sim_fire_ait(AitTable* ait);
+int hbb_sim_fire_network_status(int status);
+int hbb_sim_fire_module_update(unsigned short module_id, unsigned char is_dir_ref, void* data);
+
+/* ---- channels --------------------------------------------------------------
+ * The simulated channel list. Channels are copied in; the list starts empty
+ * and with no current channel. */
+
+/* Appends a copy of a channel; returns its position, or -1. */
+int hbb_sim_add_channel(const Channel* channel);
+/* Makes the channel at a position current (and presenting); -1 leaves no
+ * channel current. 0 on success, -1 for a position outside the list. */
+int hbb_sim_set_current_channel(int position);
+/* Empties the list; no channel is current afterwards. */
+void hbb_sim_clear_channels(void);
+int hbb_sim_channel_count(void);
+/* Position of the current channel, or -1. */
+int hbb_sim_current_channel(void);
+/* Called after hbbSetChannel, hbbNextChannel or hbbPreviousChannel made a
+ * channel current, with that channel (borrowed for the call) and the quiet
+ * value (0 for next / previous). It runs on the thread that asked for the
+ * tune, inside the porting call: a host that forwards the change to the
+ * library (channelChanged) must do so from another thread. */
+typedef void (*hbb_sim_tune_fn)(const Channel* channel, int quiet, void* user);
+void hbb_sim_set_tune_hook(hbb_sim_tune_fn fn, void* user);
+
+/* ---- presentation state ------------------------------------------------------
+ * What the library's calls left the simulated receiver in. */
+
+/* 1 while the broadcast is presented (bound or tuned), 0 after hbbStopChannel
+ * or hbbReleaseChannelResources. Starts at 1. */
+int hbb_sim_broadcast_presenting(void);
+/* Last EN_HBB_STATE given to hbbStateChange (starts at EN_HBB_OFF). */
+int hbb_sim_display_state(void);
+/* Last mode given to hbbSetDisplayMode (starts at 0). */
+int hbb_sim_display_mode(void);
+/* Last value given to hbbIsAllowStopChannel (starts at 0). */
+int hbb_sim_allow_stop_channel(void);
+/* Last mask given to hbbRegisterKeySet (starts at 0). */
+int hbb_sim_registered_keyset(void);
+/* Decoders opened by hbbOpenDtvDecoderByMask and not closed since, as a
+ * mask (starts at 0). */
+int hbb_sim_open_decoders(void);
+/* The broadcast video window: returns 1 when full screen (the default), 0
+ * when windowed; the pointers (any may be null) receive the window last set
+ * by hbbSetVideoProperties. */
+int hbb_sim_video_window(int* top, int* left, int* width, int* height);
+
+/* ---- settable answers ---------------------------------------------------------- */
+
+/* hbbGetFreeMemory's answer in kilobytes (start: -1, unknown). */
+void hbb_sim_set_free_memory(int kilobytes);
+/* hbbGetCurrentTime's answer; 0 (the start value) follows the host clock. */
+void hbb_sim_set_current_time(int seconds_since_epoch);
+/* hbbExitKeyHandle's answer (start: 0, not handled by the middleware). */
+void hbb_sim_set_exit_key_handled(int handled);
+/* The value of the threshold hbbGetCurrentParentalRatingThreshold hands out
+ * for every scheme (start: 16, which blocks no DVB-SI rating). */
+void hbb_sim_set_parental_threshold(int value);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* HBB_SIM_H */

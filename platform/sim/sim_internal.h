@@ -1,0 +1,47 @@
+// Shared helpers of the simulated platform's modules.
+//
+// The simulator is built with hidden visibility: only the porting-layer and
+// control functions, whose declarations are included below under default
+// visibility, leave the shared object.
+//
+// No module calls an exported porting function of the simulator: a test may
+// replace any single porting function by defining it in its own executable,
+// and the rest of the simulator must then behave as before. Modules share
+// state through the internal functions declared here instead.
+#pragma once
+
+#if defined(__GNUC__) || defined(__clang__)
+#pragma GCC visibility push(default)
+#endif
+#include "hbb_sim.h"
+#if defined(__GNUC__) || defined(__clang__)
+#pragma GCC visibility pop
+#endif
+
+#include <string>
+
+namespace hbbsim {
+
+// Counts a porting call and hands its details (printf-style) to the trace
+// hook. Must be called without any simulator lock held: the hook may call
+// back into the control API.
+void record(const char* function, const char* details_format, ...) HBB_PRINTF_LIKE(2, 3);
+
+// Printable rendering of a possibly null text, for call details.
+inline const char* text_or_null(const char* text) { return text ? text : "(null)"; }
+
+// malloc-based copy (released by the library with free()); null stays null.
+char* dup_text(const char* text);
+
+// Reads HBB_SIM_LOG_LEVEL / HBB_SIM_LOG_FILE once; every log entry point and
+// control call goes through it first.
+void ensure_log_configured();
+
+// Start values of each module's state, for hbb_sim_reset.
+void reset_trace_records();
+void reset_notifications();
+void reset_channels();
+void reset_presentation();
+void reset_settable_answers();
+
+}  // namespace hbbsim

@@ -1,0 +1,247 @@
+// The porting layer as the library uses it, run against the simulated
+// platform: log filtering and output, the notification registrations, fresh
+// channel records, tuning, and the record of presentation calls.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "hbb_sim.h"
+
+namespace {
+
+class PlatformSim : public ::testing::Test {
+protected:
+    void SetUp() override {
+        hbb_sim_reset();
+        hbb_sim_set_log_stderr(0);
+        hbb_sim_set_log_level(2);
+    }
+    void TearDown() override {
+        hbb_sim_set_log_hook(nullptr, nullptr);
+        hbb_sim_set_trace(nullptr, nullptr);
+        hbb_sim_set_tune_hook(nullptr, nullptr);
+        hbb_sim_set_log_file(nullptr);
+    }
+
+    // Channel with heap texts owned by the test.
+    static Channel make(const char* ccid, int onid, int tsid, int sid, const char* dsd) {
+        Channel c{};
+        c.ccid = const_cast<char*>(ccid);
+        c.name = const_cast<char*>("Name");
+        c.dsd = const_cast<char*>(dsd);
+        c.onid = onid;
+        c.tsid = tsid;
+        c.sid = sid;
+        c.MajorChannel = sid;
+        return c;
+    }
+    void addTwoChannels() {
+        Channel a = make("ccid:a", 1, 2, 3, "dsd-a");
+        Channel b = make("ccid:b", 1, 2, 4, "dsd-b");
+        ASSERT_EQ(0, hbb_sim_add_channel(&a));
+        ASSERT_EQ(1, hbb_sim_add_channel(&b));
+    }
+};
+
+std::vector<std::pair<int, std::string>> logged;
+void collect_log(int level, const char* line, void*) { logged.emplace_back(level, line); }
+
+TEST_F(PlatformSim, LogFilterFollowsLevelAndEnvironment) {
+    hbb_sim_set_log_level(3);
+    EXPECT_EQ(0, log_is_output(19, 2));
+    EXPECT_NE(0, log_is_output(19, 3));
+    EXPECT_NE(0, log_is_output(19, 5));
+    EXPECT_EQ(0, log_is_outfile(19, 5)) << "no log file is open";
+
+    setenv("HBB_SIM_LOG_LEVEL", "5", 1);
+    hbb_sim_log_from_env();
+    EXPECT_EQ(5, hbb_sim_log_level());
+    EXPECT_EQ(0, log_is_output(19, 3));
+    EXPECT_NE(0, log_is_output(19, 5));
+    unsetenv("HBB_SIM_LOG_LEVEL");
+    hbb_sim_log_from_env();
+    EXPECT_EQ(2, hbb_sim_log_level());
+}
+
+TEST_F(PlatformSim, LogHookReceivesFilteredFormattedLines) {
+    logged.clear();
+    hbb_sim_set_log_hook(collect_log, nullptr);
+    hbb_sim_set_log_level(3);
+    orb_log_printfs("lyra", log_get_cmd(19), ORBLOG_LOGLVL_INFO, "[%s:%d]:hidden\n", "f", 1);
+    orb_log_printfs("lyra", log_get_cmd(19), ORBLOG_LOGLVL_WARN, "[%s:%d]:value %d\n\n", "fn", 7, 42);
+    orb_log_printfs("lyra", log_get_cmd(19), ORBLOG_LOGLVL_ERROR, "%s", "broken");
+    ASSERT_EQ(2u, logged.size());
+    EXPECT_EQ(3, logged[0].first);
+    EXPECT_NE(std::string::npos, logged[0].second.find("WARN lyra[19]: [fn:7]:value 42"));
+    EXPECT_NE('\n', logged[0].second.back());
+    EXPECT_EQ(5, logged[1].first);
+    EXPECT_NE(std::string::npos, logged[1].second.find("ERROR"));
+}
+
+TEST_F(PlatformSim, LogFileGetsFileLinesAtOrAboveLevel) {
+    char path[] = "/tmp/hbb_sim_logXXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    ASSERT_EQ(0, hbb_sim_set_log_file(path));
+    hbb_sim_set_log_level(3);
+    EXPECT_NE(0, log_is_outfile(19, 3));
+    EXPECT_EQ(0, log_is_outfile(19, 2));
+    fpi_log_printf(19, 2, "quiet %d", 1);
+    fpi_log_printf(19, 5, "disk %s", "full");
+    ASSERT_EQ(0, hbb_sim_set_log_file(nullptr));
+    EXPECT_EQ(0, log_is_outfile(19, 5));
+
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    unlink(path);
+    EXPECT_NE(std::string::npos, text.str().find("ERROR [19]: disk full\n"));
+    EXPECT_EQ(std::string::npos, text.str().find("quiet"));
+}
+
+AitTable* seen_ait;
+int seen_status = -1;
+unsigned short seen_module;
+void on_ait(AitTable* ait) { seen_ait = ait; }
+int on_network(int status) { return seen_status = status; }
+void on_module(unsigned short id, unsigned char, void*) { seen_module = id; }
+
+TEST_F(PlatformSim, RegisteredNotificationsAreFired) {
+    AitTable table{};
+    EXPECT_EQ(-1, hbb_sim_fire_ait(&table)) << "nothing registered yet";
+    ASSERT_EQ(0, QUMAm_Broadcast_SubscribeForAIT(on_ait));
+    ASSERT_EQ(0, QUMAm_Broadcast_NetworkStatusChangeCallback(on_network));
+    ASSERT_EQ(0, QUMAm_DSMCCModuleDataChangeCallback(on_module));
+    EXPECT_NE(0, QUMAm_Broadcast_SubscribeForAIT(nullptr)) << "a null callback is refused";
+
+    EXPECT_EQ(0, hbb_sim_fire_ait(&table));
+    EXPECT_EQ(&table, seen_ait);
+    EXPECT_EQ(0, hbb_sim_fire_network_status(NETWORK_ON));
+    EXPECT_EQ(NETWORK_ON, seen_status);
+    EXPECT_EQ(0, hbb_sim_fire_module_update(7, 1, nullptr));
+    EXPECT_EQ(7, seen_module);
+
+    hbb_sim_reset();
+    EXPECT_EQ(-1, hbb_sim_fire_network_status(NETWORK_OFF));
+}
+
+TEST_F(PlatformSim, ChannelGettersHandOutFreshRecords) {
+    EXPECT_EQ(nullptr, hbbGetChannelList());
+    EXPECT_EQ(nullptr, hbbGetCurrentChannel());
+    addTwoChannels();
+    ASSERT_EQ(0, hbb_sim_set_current_channel(1));
+
+    Channel* first = hbbGetCurrentChannel();
+    Channel* second = hbbGetCurrentChannel();
+    ASSERT_NE(nullptr, first);
+    ASSERT_NE(first, second);
+    EXPECT_STREQ("ccid:b", first->ccid);
+    EXPECT_NE(first->ccid, second->ccid);
+    EXPECT_EQ(4, first->sid);
+    first->name[0] = 'X';  // a record is the caller's: changing it changes nothing else
+    EXPECT_STREQ("Name", second->name);
+    channel_destroy(first);
+    channel_destroy(second);
+
+    std::vector<Channel*> found = {hbbGetChannelByPosition(0), hbbGetChannel("ccid:b"),
+                                   hbbGetChannelByTriplet(1, 2, 3), hbbGetChannelByDsd("dsd-b", 4)};
+    EXPECT_EQ(3, found[0]->sid);
+    EXPECT_EQ(4, found[1]->sid);
+    EXPECT_STREQ("ccid:a", found[2]->ccid);
+    EXPECT_STREQ("ccid:b", found[3]->ccid);
+    for (Channel* c : found) channel_destroy(c);
+    EXPECT_EQ(nullptr, hbbGetChannelByPosition(2));
+    EXPECT_EQ(nullptr, hbbGetChannelByTriplet(9, 9, 9));
+    EXPECT_EQ(nullptr, hbbGetChannelByDsd("dsd-b", 3));
+
+    ASSERT_NE(nullptr, hbbGetChannelList());
+    EXPECT_EQ(2, hbbGetChannelList()->length);
+    Channel* filled = channel_create();
+    filled->name = strdup("old");  // replaced and freed by the fill
+    ASSERT_EQ(0, getCurrentChannelData(filled));
+    EXPECT_STREQ("ccid:b", filled->ccid);
+    EXPECT_STREQ("Name", filled->name);
+    channel_destroy(filled);
+    channel_destroy(nullptr);
+}
+
+std::vector<std::pair<int, int>> tunes;  // (sid, quiet)
+void on_tune(const Channel* c, int quiet, void*) { tunes.emplace_back(c->sid, quiet); }
+
+TEST_F(PlatformSim, TuningChangesCurrentChannelAndPresentation) {
+    addTwoChannels();
+    tunes.clear();
+    hbb_sim_set_tune_hook(on_tune, nullptr);
+    Channel wanted = make(nullptr, 1, 2, 4, nullptr);
+    ASSERT_EQ(0, hbbSetChannel(&wanted, 2));
+    EXPECT_EQ(1, hbb_sim_current_channel());
+    Channel* current = hbbGetCurrentChannel();
+    EXPECT_STREQ("ccid:b", current->ccid);
+    channel_destroy(current);
+
+    Channel unknown = make(nullptr, 5, 5, 5, nullptr);
+    EXPECT_EQ(-1, hbbSetChannel(&unknown, 0));
+    EXPECT_EQ(1, hbb_sim_current_channel());
+    EXPECT_EQ(0, hbbNextChannel());
+    EXPECT_EQ(0, hbb_sim_current_channel()) << "next wraps to the start";
+    EXPECT_EQ(0, hbbPreviousChannel());
+    EXPECT_EQ(1, hbb_sim_current_channel());
+    EXPECT_EQ((std::vector<std::pair<int, int>>{{4, 2}, {3, 0}, {4, 0}}), tunes);
+
+    EXPECT_EQ(1, hbbStopChannel());
+    EXPECT_EQ(0, hbb_sim_broadcast_presenting());
+    EXPECT_EQ(0, hbbBindCurrentChannel());
+    EXPECT_EQ(1, hbb_sim_broadcast_presenting());
+}
+
+std::vector<std::string> traced;
+void on_trace(const char* function, const char* details, void*) {
+    traced.push_back(std::string(function) + " " + details);
+}
+
+TEST_F(PlatformSim, PresentationCallsAreRecordedAndTraced) {
+    traced.clear();
+    hbb_sim_set_trace(on_trace, nullptr);
+    char details[64];
+    EXPECT_EQ(-1, hbb_sim_last_call("hbbRegisterKeySet", details, sizeof details));
+    EXPECT_STREQ("", details);
+
+    EXPECT_EQ(0, hbbRegisterKeySet(0x1f));
+    EXPECT_EQ(-1, hbbRegisterKeySet(0x800));
+    EXPECT_EQ(0x1f, hbb_sim_registered_keyset()) << "an invalid mask changes nothing";
+    EXPECT_EQ(2, hbb_sim_call_count("hbbRegisterKeySet"));
+    EXPECT_LT(0, hbb_sim_last_call("hbbRegisterKeySet", details, sizeof details));
+    EXPECT_STREQ("mask=0x800 -> -1", details);
+
+    hbbStateChange(EN_HBB_FULLSCREEN_NO_VOD);
+    EXPECT_EQ(EN_HBB_FULLSCREEN_NO_VOD, hbbGetState());
+    EXPECT_EQ(EN_HBB_FULLSCREEN_NO_VOD, hbb_sim_display_state());
+    hbbOpenDtvDecoderByMask(0x3);
+    hbbCloseDtvDecoderByMask(0x1);
+    EXPECT_EQ(0x2, hbb_sim_open_decoders());
+
+    int top = 0, width = 0;
+    EXPECT_EQ(0, hbbSetVideoProperties(10, 20, 640, 360));
+    setVideoToFullscreen();
+    EXPECT_EQ(1, hbb_sim_video_window(nullptr, nullptr, nullptr, nullptr));
+    restoreCoordinates();
+    EXPECT_EQ(0, hbb_sim_video_window(&top, nullptr, &width, nullptr));
+    EXPECT_EQ(10, top);
+    EXPECT_EQ(640, width);
+
+    ASSERT_EQ(9u, traced.size());
+    EXPECT_EQ("hbbRegisterKeySet mask=0x1f -> 0", traced[0]);
+    EXPECT_EQ("hbbStateChange state=2", traced[2]);
+    hbb_sim_reset();
+    EXPECT_EQ(0, hbb_sim_call_count("hbbRegisterKeySet"));
+    EXPECT_EQ(0, hbb_sim_registered_keyset());
+}
+
+}  // namespace
