@@ -180,9 +180,11 @@ APPMGR_API int start_web_browser(void) {
         AM_INFO("check if browser is already running");
         if (pthread_cond_timedwait(&appmgr_cond_var, &appmgr_mutex, &deadline) == ETIMEDOUT) break;
     }
-    AM_ERROR("TIMEOUT: Browser was not started in expected time");
-    seams::run_shell("busybox killall -9 hbbtv-web-browser");
+    // The state changes before the log line so that whoever reads the line
+    // also sees the new state.
     set_library_state(APP_MANAGER_DEINITIALIZED);
+    seams::run_shell("busybox killall -9 hbbtv-web-browser");
+    AM_ERROR("TIMEOUT: Browser was not started in expected time");
     pthread_mutex_unlock(&appmgr_mutex);
     return 0;
 }
@@ -215,20 +217,22 @@ APPMGR_API int applicationManagerInit(void) {
             AM_INFO("Application manager initialization...");
             if (initializeEPGExternal() == 0) epgExternalsInitialized = 1;
             init_current_ait();
-            // Connections left up by an earlier start whose browser never
-            // came are taken down before the table is set up again.
-            close_messaging();
             ensure_cond_var();
-            if (tools_msg_init(&gData, 0, nullptr) != RET_OK) {
-                AM_ERROR("Initialization error!!!");
-                set_library_state(APP_MANAGER_DEINITIALIZED);
-                return 0;
-            }
-            g_messaging_up = true;
-            if (tools_msg_connect(&gData) != RET_OK) {
-                AM_ERROR("Connection error!!!");
-                set_library_state(APP_MANAGER_DEINITIALIZED);
-                return 0;
+            // After a start whose browser never reported, the connections are
+            // still up and serving: a new start only waits again.
+            if (!g_messaging_up) {
+                if (tools_msg_init(&gData, 0, nullptr) != RET_OK) {
+                    AM_ERROR("Initialization error!!!");
+                    set_library_state(APP_MANAGER_DEINITIALIZED);
+                    return 0;
+                }
+                g_messaging_up = true;
+                if (tools_msg_connect(&gData) != RET_OK) {
+                    AM_ERROR("Connection error!!!");
+                    close_messaging();
+                    set_library_state(APP_MANAGER_DEINITIALIZED);
+                    return 0;
+                }
             }
             // A time-out has already put the state back to de-initialised;
             // start-up goes on regardless.

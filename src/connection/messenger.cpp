@@ -287,9 +287,11 @@ int messenger_setup_server(Messenger_t* d_msg) {
 
     sockaddr_un addr;
     std::string path;
-    fill_address(d_msg, &addr, &path);
+    // An unknown port has no path; binding an empty path would silently
+    // create an abstract socket instead of failing.
+    bool has_path = fill_address(d_msg, &addr, &path);
     unlink_path(path);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    if (!has_path || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         messenger_close_connection(d_msg);
         AM_ERROR("MESSENGER: socket bind failed");
         unlink_path(path);
@@ -314,8 +316,10 @@ int messenger_setup_server(Messenger_t* d_msg) {
     }
     set_fd(d_msg, client);
     set_state(d_msg, MESSENGER_STATE_STARTED);
-    AM_INFO("MESSENGER: server_task() - connected");
+    // No second client can connect until the next set-up. The file goes
+    // before the log line so that a reader of the line sees it gone.
     unlink_path(path);
+    AM_INFO("MESSENGER: server_task() - connected");
     return 0;
 }
 
@@ -327,8 +331,8 @@ int messenger_connect_client(Messenger_t* d_msg) {
     }
     sockaddr_un addr;
     std::string path;
-    fill_address(d_msg, &addr, &path);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    bool has_path = fill_address(d_msg, &addr, &path);
+    if (!has_path || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         ::close(fd);
         AM_ERROR("MESSENGER: connect failed");
         return -1;

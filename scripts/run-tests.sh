@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Builds everything and runs all tests: the normal build, then the tests
+# again under AddressSanitizer + UndefinedBehaviorSanitizer (leaks included)
+# and under ThreadSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/bootstrap.sh
+jobs=$(nproc)
+
+run_suite() {
+  local dir=$1; shift
+  echo "=== $dir ==="
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+  cmake --build "$dir"
+  ctest --test-dir "$dir" --output-on-failure -j "$jobs"
+}
+
+run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  run_suite build-asan -DCMAKE_BUILD_TYPE=Debug "-DAPPMGR_SANITIZE=address;undefined"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  run_suite build-tsan -DCMAKE_BUILD_TYPE=Debug -DAPPMGR_SANITIZE=thread

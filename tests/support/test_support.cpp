@@ -1,0 +1,138 @@
+#include "test_support.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+
+#include "app_mgr.h"
+#include "app_mgr_state.h"
+#include "common/seams.h"
+#include "hbb_sim.h"
+
+namespace appmgr::test {
+
+TempDir::TempDir() {
+    char tmpl[] = "/tmp/appmgr-test-XXXXXX";
+    const char* made = ::mkdtemp(tmpl);
+    if (made == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = std::string(made) + "/";
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+}
+
+LogCapture::LogCapture() { hbb_sim_set_log_hook(&LogCapture::hook, this); }
+
+LogCapture::~LogCapture() { hbb_sim_set_log_hook(nullptr, nullptr); }
+
+void LogCapture::hook(int, const char* line, void* user) {
+    auto* self = static_cast<LogCapture*>(user);
+    {
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->lines_.emplace_back(line);
+    }
+    self->cv_.notify_all();
+}
+
+bool LogCapture::contains(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& l : lines_)
+        if (l.find(text) != std::string::npos) return true;
+    return false;
+}
+
+bool LogCapture::waitFor(const std::string& text, int timeout_ms) const {
+    return waitForCount(text, 1, timeout_ms);
+}
+
+bool LogCapture::waitForCount(const std::string& text, int count, int timeout_ms) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+        int seen = 0;
+        for (const auto& l : lines_)
+            if (l.find(text) != std::string::npos) ++seen;
+        return seen >= count;
+    });
+}
+
+std::vector<std::string> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+namespace {
+std::mutex g_shell_mutex;
+std::vector<std::string> g_shell;
+
+int record_shell(const char* command) {
+    std::lock_guard<std::mutex> lock(g_shell_mutex);
+    g_shell.emplace_back(command);
+    return 0;
+}
+}  // namespace
+
+std::vector<std::string> shell_commands() {
+    std::lock_guard<std::mutex> lock(g_shell_mutex);
+    return g_shell;
+}
+
+void LibraryTest::SetUp() {
+    hbb_sim_reset();
+    // Lines reach the capture hook; only errors are echoed to stderr.
+    hbb_sim_set_log_level(2);
+    seams::set_socket_dir(dir_.path());
+    seams::set_browser_wait_seconds(5);
+    seams::set_settle_millis(0);
+    seams::set_shell_runner(record_shell);
+    seams::set_tessel_marker(dir_.path() + "tessel");
+}
+
+void LibraryTest::TearDown() {
+    browser_.disconnectAll();
+    if (messaging_only_) {
+        tools_msg_close(&gData);
+    } else if (appmgr_state != APP_MANAGER_DEINITIALIZED || webkit_running) {
+        // Make sure the browser counts as present so close tears everything down.
+        webkit_running = 1;
+        if (appmgr_state == APP_MANAGER_DEINITIALIZED) appmgr_state = APP_MANAGER_SUSPENDED;
+        applicationManagerClose();
+    }
+}
+
+int LibraryTest::startWithBrowser() {
+    auto init = std::async(std::launch::async, [] { return applicationManagerInit(); });
+    EXPECT_TRUE(browser_.connectAll(5000)) << browser_.lastError(Connection::Application);
+    EXPECT_TRUE(browser_.send(Connection::Application, "83|1|"));
+    if (init.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        ADD_FAILURE() << "applicationManagerInit did not return";
+        return -1;
+    }
+    return init.get();
+}
+
+void LibraryTest::startMessagingOnly() {
+    messaging_only_ = true;
+    ASSERT_EQ(tools_msg_init(&gData, 0, nullptr), RET_OK);
+    ASSERT_EQ(tools_msg_connect(&gData), RET_OK);
+    ASSERT_TRUE(browser_.connectAll(5000));
+    // A client's connect completes before the server thread has accepted;
+    // sends work only once all five have logged the accepted connection.
+    ASSERT_TRUE(log_.waitForCount("server_task() - connected", MNG_CONNECTION_TYPE_SIZE, 5000));
+}
+
+standin::Frame LibraryTest::nextFrame(Connection c, int timeout_ms) {
+    auto frame = browser_.readFrame(c, timeout_ms);
+    if (!frame) {
+        ADD_FAILURE() << "no frame on " << standin::connectionName(c) << ": "
+                      << browser_.lastError(c);
+        return standin::Frame{};
+    }
+    return *frame;
+}
+
+}  // namespace appmgr::test

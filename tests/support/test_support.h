@@ -1,0 +1,79 @@
+// Shared fixtures for the library's tests: a private socket directory, the
+// test seams set for fast runs, log capture and the browser stand-in.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "browser_standin.h"
+
+namespace appmgr::test {
+
+using standin::BrowserStandin;
+using standin::Connection;
+
+// A fresh directory under /tmp, removed with its content on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }  // ends with '/'
+
+private:
+    std::string path_;
+};
+
+// Collects the library's log lines through the simulated platform.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    bool contains(const std::string& text) const;
+    // Waits (bounded) until a line containing text was logged.
+    bool waitFor(const std::string& text, int timeout_ms) const;
+    // Waits (bounded) until at least `count` lines containing text were logged.
+    bool waitForCount(const std::string& text, int count, int timeout_ms) const;
+    std::vector<std::string> lines() const;
+
+private:
+    static void hook(int level, const char* line, void* user);
+    mutable std::mutex mutex_;
+    mutable std::condition_variable cv_;
+    std::vector<std::string> lines_;
+};
+
+// Shell commands the library ran (recorded instead of executed).
+std::vector<std::string> shell_commands();
+
+// Base fixture: private socket directory, no settle pauses, a short browser
+// wait, recorded shell commands and a reset simulator. Closes the library
+// on tear-down.
+class LibraryTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Runs the first applicationManagerInit on a thread while the stand-in
+    // connects all five sockets and reports the browser present.
+    int startWithBrowser();
+    // Brings only the five connections up (no lifecycle), stand-in connected.
+    void startMessagingOnly();
+
+    // Next frame on a connection, failing the test on time-out.
+    standin::Frame nextFrame(Connection c, int timeout_ms = 3000);
+
+    TempDir dir_;
+    LogCapture log_;
+    BrowserStandin browser_{dir_.path()};
+    bool messaging_only_ = false;
+};
+
+}  // namespace appmgr::test
