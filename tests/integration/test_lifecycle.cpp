@@ -29,15 +29,15 @@ bool socket_file_exists(const BrowserStandin& b, Connection c) {
 
 TEST_F(LifecycleTest, HandshakeThenActivation) {
     ASSERT_EQ(startWithBrowser(), 1);
-    EXPECT_EQ(appmgr_state, APP_MANAGER_SUSPENDED);
-    EXPECT_EQ(webkit_running, 1);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
+    EXPECT_EQ(browser_running(), 1);
     EXPECT_EQ(hbb_sim_call_count("QUMAm_Broadcast_SubscribeForAIT"), 1);
     EXPECT_EQ(hbb_sim_call_count("QUMAm_Broadcast_NetworkStatusChangeCallback"), 1);
     EXPECT_EQ(hbb_sim_call_count("QUMAm_DSMCCModuleDataChangeCallback"), 1);
     EXPECT_TRUE(shell_commands().empty());
 
     ASSERT_EQ(applicationManagerInit(), 1);
-    EXPECT_EQ(appmgr_state, APP_MANAGER_INITIALIZED);
+    EXPECT_EQ(state(), APP_MANAGER_INITIALIZED);
     EXPECT_TRUE(log_.contains("Current appmgr_state is SUSPENDED"));
     // Already active: nothing is registered again.
     ASSERT_EQ(applicationManagerInit(), 1);
@@ -46,19 +46,19 @@ TEST_F(LifecycleTest, HandshakeThenActivation) {
 }
 
 TEST_F(LifecycleTest, InitializingStateOnlyRegistersTheCallbacksAgain) {
-    appmgr_state = APP_MANAGER_INITIALIZING;
+    set_state(APP_MANAGER_INITIALIZING);
     ASSERT_EQ(applicationManagerInit(), 1);
     EXPECT_EQ(hbb_sim_call_count("QUMAm_Broadcast_SubscribeForAIT"), 1);
     EXPECT_FALSE(log_.contains("Application manager initialization..."));
     EXPECT_FALSE(socket_file_exists(browser_, Connection::Application));
-    appmgr_state = APP_MANAGER_DEINITIALIZED;
+    set_state(APP_MANAGER_DEINITIALIZED);
 }
 
 TEST_F(LifecycleTest, BrowserThatNeverReportsIsKilledAndStartUpGoesOn) {
     appmgr::seams::set_browser_wait_seconds(1);
     ASSERT_EQ(applicationManagerInit(), 1);
-    EXPECT_EQ(appmgr_state, APP_MANAGER_DEINITIALIZED);
-    EXPECT_EQ(webkit_running, 0);
+    EXPECT_EQ(state(), APP_MANAGER_DEINITIALIZED);
+    EXPECT_EQ(browser_running(), 0);
     ASSERT_EQ(shell_commands().size(), 1u);
     EXPECT_EQ(shell_commands()[0], "busybox killall -9 hbbtv-web-browser");
     EXPECT_TRUE(log_.contains("TIMEOUT: Browser was not started in expected time"));
@@ -75,19 +75,19 @@ TEST_F(LifecycleTest, BrowserThatNeverReportsIsKilledAndStartUpGoesOn) {
     ASSERT_TRUE(browser_.send(Connection::Application, "83|1|"));
     ASSERT_EQ(init.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     EXPECT_EQ(init.get(), 1);
-    EXPECT_EQ(appmgr_state, APP_MANAGER_SUSPENDED);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
     EXPECT_EQ(shell_commands().size(), 1u);
 }
 
 TEST_F(LifecycleTest, ReportBeforeTheWaitIsSeenAtOnce) {
-    appmgr_state = APP_MANAGER_SUSPENDED;
+    set_state(APP_MANAGER_SUSPENDED);
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(start_web_browser(), 1);
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
-    EXPECT_EQ(webkit_running, 1);
+    EXPECT_EQ(browser_running(), 1);
     EXPECT_FALSE(log_.contains("check if browser is already running"));
-    webkit_running = 0;
-    appmgr_state = APP_MANAGER_DEINITIALIZED;
+    appmgr::atomic_set(webkit_running, 0);
+    set_state(APP_MANAGER_DEINITIALIZED);
 }
 
 TEST_F(LifecycleTest, DeinitReportKeepsTheWaitGoingUntilPresent) {
@@ -99,7 +99,7 @@ TEST_F(LifecycleTest, DeinitReportKeepsTheWaitGoingUntilPresent) {
     ASSERT_TRUE(browser_.send(Connection::Application, "83|7|"));
     ASSERT_EQ(init.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     EXPECT_EQ(init.get(), 1);
-    EXPECT_EQ(appmgr_state, APP_MANAGER_SUSPENDED);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
 }
 
 TEST_F(LifecycleTest, CloseTellsTheBrowserAndTearsDown) {
@@ -107,7 +107,7 @@ TEST_F(LifecycleTest, CloseTellsTheBrowserAndTearsDown) {
     ASSERT_EQ(applicationManagerInit(), 1);
     EXPECT_EQ(applicationManagerClose(), 1);
     EXPECT_EQ(nextFrame(Connection::Application).raw, "  4160|");
-    EXPECT_EQ(appmgr_state, APP_MANAGER_DEINITIALIZED);
+    EXPECT_EQ(state(), APP_MANAGER_DEINITIALIZED);
     EXPECT_TRUE(log_.contains("ApplicationManager closed"));
     // The library side of every connection is gone.
     EXPECT_FALSE(browser_.readRaw(Connection::DtvPlugins, 8, 2000));
@@ -121,7 +121,7 @@ TEST_F(LifecycleTest, DeinitSuspendsAndHidesThePage) {
     ASSERT_EQ(startWithBrowser(), 1);
     ASSERT_EQ(applicationManagerInit(), 1);
     ASSERT_EQ(applicationManagerDeInit(), 1);
-    EXPECT_EQ(appmgr_state, APP_MANAGER_SUSPENDED);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
     EXPECT_EQ(nextFrame(Connection::Application).body, "54|(null)|");
     EXPECT_EQ(is_deinit, 0);
 }
@@ -132,7 +132,7 @@ TEST_F(LifecycleTest, ApplicationDisconnectRestartsTheBrowserWait) {
     browser_.disconnect(Connection::Application);
     ASSERT_TRUE(log_.waitFor("Web browser crashed. Restarting...", 3000));
     ASSERT_TRUE(log_.waitForCount("check if browser is already running", 2, 3000));
-    EXPECT_EQ(appmgr_state, APP_MANAGER_INITIALIZING);
+    EXPECT_EQ(state(), APP_MANAGER_INITIALIZING);
     EXPECT_EQ(hbb_sim_call_count("hbbBindCurrentChannel"), 1);
     EXPECT_EQ(hbb_sim_call_count("setVideoToFullscreen"), 1);
 
@@ -140,7 +140,7 @@ TEST_F(LifecycleTest, ApplicationDisconnectRestartsTheBrowserWait) {
     ASSERT_TRUE(browser_.connect(Connection::Application, 3000));
     ASSERT_TRUE(browser_.send(Connection::Application, "83|1|"));
     ASSERT_TRUE(log_.waitForCount("app-man in web-browser SUSPENDED", 2, 3000));
-    EXPECT_EQ(appmgr_state, APP_MANAGER_SUSPENDED);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
     EXPECT_EQ(setTimeZone(0, 2, 0), 1);
     EXPECT_EQ(nextFrame(Connection::Application).body, "141|UTC+02:00:00|");
 }
@@ -150,7 +150,7 @@ TEST_F(LifecycleTest, RestartedWaitTimesOutAndKillsTheBrowser) {
     ASSERT_EQ(startWithBrowser(), 1);
     browser_.disconnect(Connection::Application);
     ASSERT_TRUE(log_.waitFor("TIMEOUT: Browser was not started in expected time", 4000));
-    EXPECT_EQ(appmgr_state, APP_MANAGER_DEINITIALIZED);
+    EXPECT_EQ(state(), APP_MANAGER_DEINITIALIZED);
     ASSERT_EQ(shell_commands().size(), 1u);
     EXPECT_EQ(shell_commands()[0], "busybox killall -9 hbbtv-web-browser");
 }
@@ -166,7 +166,7 @@ TEST_F(LifecycleTest, PluginReconnectKeepsTheStateAndServesRequests) {
     auto reply = browser_.request(Connection::DtvPlugins, 401, {}, 3000);
     ASSERT_TRUE(reply);
     EXPECT_EQ(*reply, "TestUA/2.0|");
-    EXPECT_EQ(appmgr_state, APP_MANAGER_INITIALIZED);
+    EXPECT_EQ(state(), APP_MANAGER_INITIALIZED);
     EXPECT_FALSE(log_.contains("Web browser crashed"));
 }
 

@@ -93,15 +93,17 @@ void LibraryTest::SetUp() {
 }
 
 void LibraryTest::TearDown() {
-    browser_.disconnectAll();
+    // The library closes first, so the stand-in's disconnect is not taken
+    // for a browser crash.
     if (messaging_only_) {
         tools_msg_close(&gData);
-    } else if (appmgr_state != APP_MANAGER_DEINITIALIZED || webkit_running) {
+    } else if (state() != APP_MANAGER_DEINITIALIZED || browser_running()) {
         // Make sure the browser counts as present so close tears everything down.
-        webkit_running = 1;
-        if (appmgr_state == APP_MANAGER_DEINITIALIZED) appmgr_state = APP_MANAGER_SUSPENDED;
+        appmgr::atomic_set(webkit_running, 1);
+        if (state() == APP_MANAGER_DEINITIALIZED) set_state(APP_MANAGER_SUSPENDED);
         applicationManagerClose();
     }
+    browser_.disconnectAll();
 }
 
 int LibraryTest::startWithBrowser() {

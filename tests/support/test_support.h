@@ -11,12 +11,19 @@
 #include <string>
 #include <vector>
 
+#include "app_mgr_state.h"
 #include "browser_standin.h"
+#include "common/atomic_state.h"
 
 namespace appmgr::test {
 
 using standin::BrowserStandin;
 using standin::Connection;
+
+// Library globals that other threads write are read atomically.
+inline AppMgrState state() { return appmgr::library_state(); }
+inline void set_state(AppMgrState s) { appmgr::set_library_state(s); }
+inline int browser_running() { return appmgr::atomic_get(webkit_running); }
 
 // A fresh directory under /tmp, removed with its content on destruction.
 class TempDir {

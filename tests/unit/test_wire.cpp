@@ -10,6 +10,8 @@
 #include "tools/tools_msg_internal.h"
 
 using appmgr::msg::next_field;
+using appmgr::test::state;
+using appmgr::test::set_state;
 
 TEST(ParseParameter, EmptyFieldStopsTheRestOfTheMessage) {
     char msg[] = "12|a||b|";
@@ -133,12 +135,12 @@ TEST(Messaging, ReceivedMessagesWithBadContextAreRefused) {
     Mng_Connection_t callbacks{};
     callbacks.mng_type = MNG_CONNECTION_TYPE_CALLBACK;
     m.priv = &callbacks;
-    appmgr_state = APP_MANAGER_INITIALIZING;
+    set_state(APP_MANAGER_INITIALIZING);
     EXPECT_EQ(input_data_received(&m, msg, 5), 0);
     // A state report on "Callbacks" must not be acted on.
-    EXPECT_EQ(appmgr_state, APP_MANAGER_INITIALIZING);
+    EXPECT_EQ(state(), APP_MANAGER_INITIALIZING);
     Mng_Connection_t app{};
     m.priv = &app;
     EXPECT_EQ(input_data_received(&m, msg, 5), 0);
-    EXPECT_EQ(appmgr_state, APP_MANAGER_SUSPENDED);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
 }
