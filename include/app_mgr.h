@@ -72,10 +72,27 @@ APPMGR_API int unlockAitGuard(void);
 
 /* ---- middleware notifications ------------------------------------------- */
 
+/* A decoded AIT of the current service; the table stays the caller's. */
 APPMGR_API void aitUpdate(AitTable* ait);
+/* Application type (16 HbbTV, 18 DTG) of the current AIT. */
+APPMGR_API AitTableApplicationType getCurrentAitTableApplicationType(void);
+/* Locator of the service that carried the current AIT (the library's buffer). */
+APPMGR_API char* get_current_dvb_url(void);
+/* A change of service (the new channel, borrowed for the call). */
+APPMGR_API void channelChanged(Channel* channel);
+/* Broadband network state: 0 off, 1 on, 2 being checked; 1 = handled. */
 APPMGR_API int sendNetworkStatus(int status);
 APPMGR_API void send_dsmcc_module_date_update_msg(unsigned short nModuleID,
                                                   unsigned char bIsDirRef, void* pData);
+
+/* ---- application start and stop (middleware side) ------------------------
+ * The middleware registers its start/stop callbacks; after the start
+ * callback it calls application_manager_cmd_start, which hands the start URL
+ * to the browser. */
+APPMGR_API void application_manager_register(application_mngr_callback start,
+                                             application_mngr_callback stop);
+APPMGR_API int application_manager_cmd_start(void);
+APPMGR_API int application_manager_cmd_stop(void);
 
 /* ---- key sets ----------------------------------------------------------- */
 

@@ -38,6 +38,24 @@ APPMGR_API extern VideoBroadcastState current_broadcast_state;
 APPMGR_API extern int first_run;
 APPMGR_API extern int has_teletext_application;
 APPMGR_API extern int teletext_application_index;
+APPMGR_API extern int current_version;
+APPMGR_API extern AitTableApplicationType current_ait_app_type;
+APPMGR_API extern TunningRequestType tunning_requested_by;
+APPMGR_API extern int service_bound;
+APPMGR_API extern char s_dvb_url[256];
+APPMGR_API extern NetworkStatus network_status;
+APPMGR_API extern int is_app_visible;
+APPMGR_API extern int screen_saver;
+APPMGR_API extern unsigned int bIsApplicationActivated;
+APPMGR_API extern char loaded_application[4096];
+APPMGR_API extern char hbbtv_start_url[4096];
+APPMGR_API extern hbbApplication* running_hbb_application;
+APPMGR_API extern int teminal_version_major;
+APPMGR_API extern int teminal_version_minor;
+APPMGR_API extern int teminal_version_micro;
+APPMGR_API extern application_mngr_callback_item_t s_application_mngr_callback;
+/* one byte per entry of the current AIT: 1 = may be started */
+APPMGR_API extern unsigned char* application_vadility_flags;
 
 /* serialises every command sent to the browser */
 APPMGR_API extern pthread_mutex_t sendmsg_mutex;

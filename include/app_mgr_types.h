@@ -218,6 +218,20 @@ typedef struct KeySet {
     int maximumValue;
 } KeySet;
 
+/* URL classes of check_url_type. */
+typedef enum {
+    UNKNOWN_URL_TYPE = 0,
+    HTTP_URL = 1,
+    DVB_URL = 2,
+    DVB_CURRENT_URL = 3,
+    XML_AIT_FILE = 4,
+    FILE_URL = 5,
+    XML_FILE_URL = 6
+} UrlType;
+
+/* Result of parseURI. */
+typedef enum { URI_VALID = 0, URI_NOT_VALID = 1 } URIParseResult;
+
 /* ---- broadcast objects -------------------------------------------------- */
 
 typedef enum {
@@ -265,6 +279,28 @@ typedef struct ErrorChannel {
     ChannelChangeError errorState;
     Channel* channel;
 } ErrorChannel;
+
+/* ---- the running application as the browser side sees it --------------- */
+
+typedef struct ApplicationPrivateData {
+    KeySet keyset;
+    Channel* currentChannel;
+} ApplicationPrivateData;
+
+typedef struct hbbApplication {
+    ApplicationPrivateData* privateData;
+    char* url;
+} hbbApplication;
+
+/* The middleware's start and stop callbacks (application_manager_register). */
+typedef int (*application_mngr_callback)(void);
+typedef signed char fpi_bool;
+
+typedef struct application_mngr_callback_item_t {
+    application_mngr_callback hbbtv_start_app_callback;
+    application_mngr_callback hbbtv_stop_app_callback;
+    fpi_bool enable_flag;
+} application_mngr_callback_item_t;
 
 /* ---- callback payloads sent to the browser ----------------------------- */
 

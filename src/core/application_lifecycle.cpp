@@ -1,11 +1,63 @@
-// Start, stop and autostart of applications, and the middleware
-// notifications the library registers for.
+// Start and stop of applications: the middleware's start/stop callbacks,
+// create, destroy, kill, show/hide and the running-application record.
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
+#include "common/atomic_state.h"
 #include "common/log.h"
 #include "core/core_internal.h"
+#include "hbb_platform.h"
+
+namespace {
+
+// Takes the AIT guard for a scope; a failure is logged with the lock
+// message the callers use for lock and unlock alike.
+class AitGuardScope {
+public:
+    AitGuardScope() : locked_(lockAitGuard() != 0) {
+        if (!locked_) AM_ERROR("Error: lockAitGuard failed !\n");
+    }
+    ~AitGuardScope() {
+        if (locked_ && !unlockAitGuard()) AM_ERROR("Error: lockAitGuard failed !\n");
+    }
+    AitGuardScope(const AitGuardScope&) = delete;
+    AitGuardScope& operator=(const AitGuardScope&) = delete;
+    bool locked() const { return locked_; }
+
+private:
+    bool locked_;
+};
+
+void copy_text(char* dst, std::size_t size, const char* src) {
+    std::snprintf(dst, size, "%s", src != nullptr ? src : "");
+}
+
+// Replaces the URL buffer of the running record by a copy of `url`.
+bool set_running_url(const char* url) {
+    const std::size_t size = std::strlen(url) + 1;
+    if (running_application == nullptr) {
+        running_application = allocate_application(static_cast<unsigned int>(size));
+        if (running_application == nullptr || running_application->transport_protocol == nullptr)
+            return false;
+    } else {
+        if (running_application->transport_protocol == nullptr) {
+            running_application->transport_protocol = static_cast<transport_protocol_descriptor*>(
+                std::calloc(1, sizeof(transport_protocol_descriptor)));
+            if (running_application->transport_protocol == nullptr) return false;
+        }
+        std::free(running_application->transport_protocol->url);
+        running_application->transport_protocol->url = static_cast<char*>(std::calloc(size, 1));
+    }
+    if (running_application->transport_protocol->url == nullptr) return false;
+    std::memcpy(running_application->transport_protocol->url, url, size);
+    return true;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -15,47 +67,244 @@ void setCheckPageTransparent(int mode) {
     send_command(402, text);
 }
 
-// Placeholders until the application lifecycle lands. Each logs what it was
-// asked to do and reports that nothing was started.
-int application_create(char* param_url) {
-    AM_WARN("application_create(%s): application start is not available yet",
-            param_url != nullptr ? param_url : "(null)");
-    return 0;
+void setApplicationActivate(unsigned int bIsActivate) {
+    appmgr::atomic_set(bIsApplicationActivated, bIsActivate);
+    AM_INFO("setApplicationActivate bIsApplicationActivated = %u\n", bIsActivate);
 }
 
-void application_destroy(int orgid, int appid) {
-    AM_WARN("application_destroy(%d, %d): application stop is not available yet", orgid, appid);
+APPMGR_API void application_manager_register(application_mngr_callback start,
+                                             application_mngr_callback stop) {
+    s_application_mngr_callback.hbbtv_start_app_callback = start;
+    s_application_mngr_callback.hbbtv_stop_app_callback = stop;
+    s_application_mngr_callback.enable_flag = 1;
 }
 
-void update_running_application(Application* a) { (void)a; }
+void application_manager_request_start(void) {
+    if (s_application_mngr_callback.enable_flag == 1 &&
+        s_application_mngr_callback.hbbtv_start_app_callback != nullptr) {
+        hbbIsAllowStopChannel(1);
+        s_application_mngr_callback.hbbtv_start_app_callback();
+    }
+}
 
 void application_manager_request_stop(void) {
-    AM_WARN("application_manager_request_stop: middleware callbacks are not available yet");
+    if (s_application_mngr_callback.enable_flag == 1 &&
+        s_application_mngr_callback.hbbtv_stop_app_callback != nullptr) {
+        hbbIsAllowStopChannel(0);
+        s_application_mngr_callback.hbbtv_stop_app_callback();
+    }
 }
 
-void runAutostartApplication(AitTable* ait) {
-    AM_INFO("runAutostartApplication(%d entries): autostart is not available yet",
-            ait != nullptr ? ait->app_lenght : -1);
-}
-
-APPMGR_API int sendNetworkStatus(int status) {
-    AM_INFO("sendNetworkStatus(%d): network handling is not available yet", status);
-    return 0;
-}
-
-APPMGR_API void send_dsmcc_module_date_update_msg(unsigned short nModuleID,
-                                                  unsigned char bIsDirRef, void* pData) {
-    (void)pData;
-    AM_INFO("send_dsmcc_module_date_update_msg(%u, %u): carousel updates are not available yet",
-            static_cast<unsigned>(nModuleID), static_cast<unsigned>(bIsDirRef));
-}
-
-// EPG search support is not built yet: start-up carries on without it.
-int initializeEPGExternal(void) {
-    AM_WARN("EPG search support is not available");
+APPMGR_API int application_manager_cmd_start(void) {
+    AM_INFO("call application_manager_cmd_start,is_portal_mode=%d\n\n", is_portal_mode);
+    if (!is_portal_mode) {
+        send_command(50, hbbtv_start_url);
+        hbbStateChange(EN_HBB_RED_BUTTON);
+    } else {
+        send_command(140, hbbtv_start_url);
+    }
     return 1;
 }
 
-void deinitializeEPGExternal(void) {}
+APPMGR_API int application_manager_cmd_stop(void) {
+    send_command(51, nullptr);
+    setCheckPageTransparent(0);
+    hbbStateChange(EN_HBB_OFF);
+    setKeySet(0, nullptr);
+    return 1;
+}
+
+// Starts an application from a URL. Broadband probing and the carousel
+// check are not wired in yet: HTTP, file and dvb: URLs are handed to the
+// middleware's start callback directly.
+int application_create(char* param_url) {
+    if (param_url == nullptr) {
+        AM_ERROR("param_url is NULL\n");
+        return 0;
+    }
+    char url[1024];
+    copy_text(url, sizeof(url), param_url);
+    AM_INFO("int application_create(%s) CALLED!\n", url);
+    switch (check_url_type(url)) {
+        case HTTP_URL:
+        case FILE_URL:
+            AM_INFO("Http or file protocol found!\n");
+            if (check_url_type(url) == HTTP_URL && network_status == NETWORK_CHECKING) {
+                AM_INFO("network_status:%d is checking, hold Http App util network ok\n",
+                        static_cast<int>(network_status));
+                return 0;
+            }
+            copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), url);
+            application_manager_request_start();
+            if (running_application_type == BROADCAST_INDEPENDENT) {
+                hbbStopChannel();
+                current_broadcast_state = VBOS_STOPPED;
+                char no_boundary[] = "no boundary";
+                send_command(59, no_boundary);
+                update_running_application_as_independent(url);
+            }
+            loaded_application[0] = '\0';
+            return 1;
+        case DVB_URL:
+            AM_INFO("Mounting carousel for url:[%s]\n", url);
+            if (is_portal_mode) return 0;
+            copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), url);
+            application_manager_request_start();
+            loaded_application[0] = '\0';
+            return 1;
+        case DVB_CURRENT_URL: {
+            AM_INFO("DVB_CURRENT_URL found!\n");
+            int found = find_app_from_ait(url);
+            return found;
+        }
+        default:
+            break;
+    }
+
+    // A relative URL, resolved against the application last loaded.
+    AM_INFO("Relative url found\n");
+    std::string base = loaded_application;
+    auto slash = base.rfind('/');
+    if (slash == std::string::npos) {
+        AM_ERROR("Full URL: %s is not a good url\n", base.c_str());
+        return 0;
+    }
+    // Past a scheme's "://" the base is cut after its last "/".
+    if (slash > 7) {
+        base.resize(slash + 1);
+        AM_INFO("Base URL: %s\n", base.c_str());
+    }
+    char full[2048];
+    std::snprintf(full, sizeof(full), "%s%s", base.c_str(), url);
+    AM_INFO("Full URL: %s\n", full);
+    return handle_url(full);
+}
+
+void application_destroy(int orgid, int appid) {
+    AitGuardScope guard;
+    if (!guard.locked()) return;
+    if (running_application == nullptr) {
+        AM_WARN("Application is not running! Ignoring destroy command\n");
+        return;
+    }
+    AM_INFO("Destroying application...\n");
+    AM_INFO("running_application: %d %d \n\n", running_application->organisation_id,
+            running_application->app_id);
+    AM_INFO("Received destroy for: %d %d \n\n", orgid, appid);
+    setApplicationActivate(0);
+    if (running_application->organisation_id != orgid || running_application->app_id != appid) {
+        AM_INFO("Ignoring destroy command\n");
+        return;
+    }
+    free_application(&running_application);
+    if (current_broadcast_state == VBOS_STOPPED) {
+        tune_to_current_channel();
+        current_broadcast_state = VBOS_PRESENTING;
+    }
+    setKeySet(0, nullptr);
+    int restarted = 0;
+    if (!is_deinit && current_ait.app_type == HBBTV_APPLICATION_TYPE)
+        restarted = applicationManagerRestart();
+    if (!restarted) application_manager_request_stop();
+}
+
+void kill_application(void) {
+    setApplicationActivate(0);
+    application_manager_request_stop();
+    {
+        AitGuardScope guard;
+        if (!guard.locked()) return;
+        free_application(&running_application);
+    }
+    running_application_type = BROADCAST_RELATED;
+    hbbBindCurrentChannel();
+    setVideoToFullscreen();
+    setKeySet(0, nullptr);
+}
+
+void update_running_application(Application* a) {
+    if (a == nullptr) return;
+    const char* url = a->transport_protocol != nullptr ? a->transport_protocol->url : nullptr;
+    if (url == nullptr) {
+        char blank[] = "about:blank";
+        send_command(50, blank);
+        return;
+    }
+    if (!set_running_url(url)) {
+        AM_ERROR("out of memory copying the running application\n");
+        return;
+    }
+    Application* r = running_application;
+    r->organisation_id = a->organisation_id;
+    r->app_id = a->app_id;
+    r->control_code = a->control_code;
+    r->is_service_bound = a->is_service_bound;
+    r->app_usage_type = a->app_usage_type;
+    r->transport_protocol->protocol_id = a->transport_protocol->protocol_id;
+    std::free(r->app_parental.parental);
+    r->app_parental.parental = nullptr;
+    r->app_parental.count = 0;
+    if (a->app_parental.count > 0 && a->app_parental.parental != nullptr) {
+        r->app_parental.parental = static_cast<parental_rating*>(
+            std::calloc(static_cast<std::size_t>(a->app_parental.count), sizeof(parental_rating)));
+        if (r->app_parental.parental != nullptr) {
+            r->app_parental.count = a->app_parental.count;
+            for (int i = 0; i < a->app_parental.count; ++i) {
+                std::memcpy(r->app_parental.parental[i].country, a->app_parental.parental[i].country,
+                            3);
+                r->app_parental.parental[i].rating = a->app_parental.parental[i].rating;
+            }
+        }
+    }
+    if (r->control_code == PRESENT) setApplicationActivate(1);
+}
+
+void update_running_application_as_independent(char* uri) {
+    if (uri == nullptr || !set_running_url(uri)) return;
+    running_application->organisation_id = -1;
+    running_application->app_id = -1;
+    running_application->control_code = static_cast<ControlCode>(-1);
+    running_application->is_service_bound = 0;
+}
+
+void tune_to_current_channel(void) {
+    Channel* channel = channel_create();
+    if (channel == nullptr) return;
+    getCurrentChannelData(channel);
+    hbbSetChannel(channel, 2);
+    channel_destroy(channel);
+}
+
+void application_show(int is_css) {
+    AM_INFO(" application_show ,is_css = %d,screen_saver =%d,is_portal_mode = %d", is_css,
+            screen_saver, is_portal_mode);
+    if (hbbGetState() == EN_HBB_FULLSCREEN_VOD) {
+        AM_INFO("old state is EN_HBB_FULLSCREEN_VOD,so don't change\n");
+        return;
+    }
+    if (is_css != 0 || screen_saver == 0 || is_portal_mode) hbbStateChange(EN_HBB_FULLSCREEN_NO_VOD);
+    if (is_css == 0) {
+        is_app_visible = 1;
+        restoreCoordinates();
+        send_command(53, nullptr);
+        setCheckPageTransparent(screen_saver && !is_portal_mode ? 1 : 0);
+    }
+}
+
+void application_hide(int is_css) {
+    AM_INFO(" application_hide ,is_css = %d", is_css);
+    if (hbbGetState() == EN_HBB_FULLSCREEN_VOD) {
+        AM_INFO("old state is EN_HBB_FULLSCREEN_VOD,so don't change\n");
+        return;
+    }
+    hbbStateChange(EN_HBB_RED_BUTTON);
+    AM_INFO(" application hidden... is_css = %d\n", is_css);
+    if (is_css == 0) {
+        is_app_visible = 0;
+        setVideoToFullscreen();
+        send_command(54, nullptr);
+        setCheckPageTransparent(0);
+    }
+}
 
 }  // extern "C"

@@ -3,24 +3,77 @@
 // build.
 #pragma once
 
+#include "app_mgr_platform_types.h"
 #include "app_mgr_types.h"
 
 extern "C" {
 
+// Records.
+Application* allocate_application(unsigned int url_length);
+void free_application(Application** app);
+AitTable* allocate_ait_table(int num_of_applications, unsigned int url_length);
+void free_ait_table(AitTable** ait_table);
+void get_application_info(ApplicationInfo* info);
+int get_application_type(void);
+void getRuningApplicationType(ApplicationType* type);
+int find_application_index(char* u);
+int hasApplicationRuning(void);
+int isCurrentApplicationVisible(void);
+
 // Lifecycle of the running application.
 int application_create(char* param_url);
 void application_destroy(int orgid, int appid);
+void kill_application(void);
 void update_running_application(Application* a);
+void update_running_application_as_independent(char* uri);
+void application_manager_request_start(void);
 void application_manager_request_stop(void);
+void application_show(int is_css);
+void application_hide(int is_css);
+void setApplicationActivate(unsigned int bIsActivate);
 void setCheckPageTransparent(int mode);
+void tune_to_current_channel(void);
 
-// Autostart.
+// URLs.
+int check_url_type(char* url);
+int parseURI(char* URI, URIInfo* out);
+int handle_url(char* url);
+
+// Autostart and signalling.
 void runAutostartApplication(AitTable* ait);
 void find_autostart_app(Application* applications, int length);
+int check_running_application(AitTable* ait);
+int check_independent_application_signalling(AitTable* table);
+int check_independent_application_signalling_current_ait(void);
+void check_application_new_signaling(AitTable* ait);
+int load_app_from_current_ait(URIInfo info);
+int find_app_from_ait(char* url);
+int compareUrlOrigin(char* url1, char* url2);
+char* combinationUrl(char* dvb_url, char* location_url);
+int check_parental_rating(parental_rating_descriptor* app_parental);
+int check_support_version(int app_profile, int version_major, int version_minor,
+                          int version_micro);
 
 // Current AIT.
 void init_current_ait(void);
 void clear_current_ait(void);
+int checkNewAITTable(AitTable* ait);
+void update_current_ait(AitTable* ait);
+int check_version(int version);
+void aitUpdateInfo(AitTable* ait);
+void displayApplicationInfo(Application* app);
+void displayTransportProtocolDescriptorInfo(transport_protocol_descriptor* tpd);
+
+// Key sets: the mask now in force.
+int current_key_set_value(void);
+
+// XML AITs.
+int ParseXmlAitFile(char* text, int length);
+int parse_xml_ait(char* url);
+
+// Parental rating objects.
+ParentalRating* parental_rating_get_threshold(char* prSchemeName);
+void parental_rating_destroy(ParentalRating* rating);
 
 // EPG search support (0 on success).
 int initializeEPGExternal(void);

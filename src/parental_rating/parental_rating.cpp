@@ -1,0 +1,22 @@
+// Parental-rating objects served from the middleware.
+#include <cstdlib>
+
+#include "common/log.h"
+#include "core/core_internal.h"
+#include "hbb_platform.h"
+
+extern "C" {
+
+ParentalRating* parental_rating_get_threshold(char* prSchemeName) {
+    return hbbGetCurrentParentalRatingThreshold(prSchemeName);
+}
+
+void parental_rating_destroy(ParentalRating* rating) {
+    if (rating == nullptr) return;
+    std::free(rating->name);
+    std::free(rating->region);
+    std::free(rating->scheme);
+    std::free(rating);
+}
+
+}  // extern "C"

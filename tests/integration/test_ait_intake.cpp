@@ -1,0 +1,243 @@
+// AITs delivered through the simulated middleware's callback, judged by the
+// library, with the outcome checked on the wire and in the records.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+
+#include "ait_builder.h"
+#include "app_mgr.h"
+#include "app_mgr_state.h"
+#include "core/core_internal.h"
+#include "hbb_sim.h"
+#include "test_support.h"
+
+using namespace appmgr::test;
+
+namespace {
+
+std::atomic<int> g_starts{0};
+std::atomic<int> g_stops{0};
+
+// The middleware's answer to the start callback: hand the URL to the browser.
+int on_start() {
+    ++g_starts;
+    return application_manager_cmd_start();
+}
+int on_stop() {
+    ++g_stops;
+    return 1;
+}
+
+class AitIntakeTest : public LibraryTest {
+protected:
+    void SetUp() override {
+        LibraryTest::SetUp();
+        g_starts = 0;
+        g_stops = 0;
+        teminal_version_major = 1;
+        teminal_version_minor = 7;
+        teminal_version_micro = 1;
+        hbb_sim_set_parental_threshold(18);
+        ASSERT_EQ(startWithBrowser(), 1);
+        ASSERT_EQ(applicationManagerInit(), 1);
+        application_manager_register(on_start, on_stop);
+    }
+    void deliver(OwnedAit& ait) { ASSERT_EQ(hbb_sim_fire_ait(ait.get()), 0); }
+    std::string body() { return nextFrame(Connection::Application).body; }
+    int refusals() { return hbb_sim_call_count("application_manager_invaild_app"); }
+};
+
+AppSpec carousel(int app, ControlCode control = AUTOSTART, int priority = 1) {
+    AppSpec s;
+    s.app = app;
+    s.control = control;
+    s.priority = priority;
+    s.url = "dvb://1.2.3.1/app" + std::to_string(app) + "/index.html";
+    return s;
+}
+
+}  // namespace
+
+TEST_F(AitIntakeTest, AutostartIsAnnouncedAndStarted) {
+    AppSpec low = carousel(1, AUTOSTART, 2);
+    AppSpec high = carousel(2, AUTOSTART, 9);
+    high.boundary = "http://a.example|http://b.example";
+    OwnedAit ait(16, "dvb://1.2.3", {low, high, carousel(3, PRESENT, 20)});
+    deliver(ait);
+    EXPECT_EQ(body(), "59|http://a.example|http://b.example|");
+    EXPECT_EQ(body(), "50|dvb://1.2.3.1/app2/index.html|");
+    EXPECT_EQ(g_starts, 1);
+    ASSERT_NE(running_application, nullptr);
+    EXPECT_EQ(running_application->app_id, 2);
+    EXPECT_STREQ(current_ait.dvb_url, "dvb://1.2.3");
+    EXPECT_EQ(current_ait.app_lenght, 3);
+    EXPECT_EQ(refusals(), 0);
+}
+
+TEST_F(AitIntakeTest, RefusedTablesLeaveTheCurrentAit) {
+    OwnedAit good(16, "dvb://1.2.3", {carousel(1)});
+    deliver(good);
+    EXPECT_EQ(body(), "59|no boundary|");
+
+    OwnedAit type17(17, "dvb://1.2.3", {carousel(2)});
+    deliver(type17);
+    EXPECT_TRUE(log_.contains("Unknown application type. Rejecting AIT table."));
+    EXPECT_EQ(refusals(), 0);  // refused before the platform is told
+
+    OwnedAit short_url(16, "dvb", {carousel(2)});
+    deliver(short_url);
+    OwnedAit long_url(16, std::string(255, 'd'), {carousel(2)});
+    deliver(long_url);
+    // 256 bytes with no terminator: the copy must not run past the field.
+    OwnedAit unterminated(16, "", {carousel(2)});
+    memset(unterminated->dvb_url, 'u', sizeof(unterminated->dvb_url));
+    deliver(unterminated);
+    EXPECT_TRUE(log_.contains("Invalid DVB url len: 3"));
+    EXPECT_TRUE(log_.contains("Invalid DVB url len: 256"));
+    EXPECT_EQ(refusals(), 2);  // a 255-character locator is accepted
+    EXPECT_EQ(current_ait.app_lenght, 1);
+
+    AppSpec nameless = carousel(3);
+    nameless.name = nullptr;
+    OwnedAit bad_entry(16, "dvb://1.2.3", {carousel(2), nameless});
+    deliver(bad_entry);
+    OwnedAit no_url(16, "dvb://1.2.3", {carousel(2)});
+    free(no_url->apps[0].transport_protocol->url);
+    no_url->apps[0].transport_protocol->url = nullptr;
+    deliver(no_url);
+    EXPECT_EQ(refusals(), 4);
+    EXPECT_STREQ(s_dvb_url, "dvb://1.2.3");
+    EXPECT_EQ(current_ait.apps[0].transport_protocol->url, std::string(long_url->apps[0].transport_protocol->url));
+}
+
+TEST_F(AitIntakeTest, DtgTableShadowsHbbtvTablesOfTheSameService) {
+    OwnedAit dtg(18, "dvb://1.2.3", {carousel(1, PRESENT)});
+    deliver(dtg);
+    EXPECT_EQ(getCurrentAitTableApplicationType(), DTG_CTV_APPLICATION_TYPE);
+    OwnedAit hbbtv(16, "dvb://1.2.3", {carousel(2)});
+    deliver(hbbtv);
+    EXPECT_TRUE(log_.contains("Ignoring AIT table since we are in DTG mode..."));
+    EXPECT_EQ(getCurrentAitTableApplicationType(), DTG_CTV_APPLICATION_TYPE);
+    OwnedAit other_service(16, "dvb://1.2.4", {carousel(2)});
+    deliver(other_service);
+    EXPECT_EQ(getCurrentAitTableApplicationType(), HBBTV_APPLICATION_TYPE);
+    EXPECT_STREQ(get_current_dvb_url(), "dvb://1.2.4");
+}
+
+TEST_F(AitIntakeTest, EmptyTableEndsTheApplicationAndIsReportedRefused) {
+    OwnedAit ait(16, "dvb://1.2.3", {carousel(1)});
+    deliver(ait);
+    ASSERT_NE(running_application, nullptr);
+    OwnedAit empty(16, "dvb://1.2.3", {});
+    deliver(empty);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(current_ait.app_lenght, 0);
+    EXPECT_EQ(current_ait.apps, nullptr);
+    EXPECT_EQ(refusals(), 1);
+    EXPECT_EQ(g_stops, 1);
+}
+
+TEST_F(AitIntakeTest, KeepOrKillOnANewTable) {
+    OwnedAit first(16, "dvb://1.2.3", {carousel(1)});
+    deliver(first);
+    ASSERT_NE(running_application, nullptr);
+    Application* before = running_application;
+
+    OwnedAit present(16, "dvb://1.2.3", {carousel(1, PRESENT)});
+    deliver(present);
+    EXPECT_EQ(running_application, before);
+    EXPECT_EQ(g_stops, 0);
+
+    OwnedAit killed(16, "dvb://1.2.3", {carousel(1, KILL), carousel(2, PRESENT)});
+    deliver(killed);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(hbb_sim_call_count("hbbBindCurrentChannel"), 1);
+    EXPECT_TRUE(log_.contains("kill running application because it is not signaled anymore"));
+}
+
+TEST_F(AitIntakeTest, TestTableKillsEvenASignalledApplication) {
+    OwnedAit first(16, "dvb://1.2.3", {carousel(1)});
+    deliver(first);
+    OwnedAit test_table(16, "dvb://1.2.3", {carousel(1)});
+    test_table->is_test_app = 1;
+    deliver(test_table);
+    // Killed, then chosen again as the autostart of the same table.
+    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(g_starts, 2);
+    ASSERT_NE(running_application, nullptr);
+}
+
+TEST_F(AitIntakeTest, TablesBeforeActivationBecomeCurrentButStartNothing) {
+    applicationManagerDeInit();
+    OwnedAit ait(16, "dvb://1.2.3", {carousel(1)});
+    deliver(ait);
+    EXPECT_EQ(current_ait.app_lenght, 1);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(g_starts, 0);
+    // Activation starts the autostart entry of the current table.
+    ASSERT_EQ(applicationManagerInit(), 1);
+    EXPECT_EQ(g_starts, 1);
+    ASSERT_NE(running_application, nullptr);
+}
+
+TEST_F(AitIntakeTest, HttpAutostartWaitsForTheNetwork) {
+    OwnedAit ait(16, "dvb://1.2.3", {http_app(7, 8, "http://host.example/app/index.html")});
+    deliver(ait);
+    EXPECT_EQ(running_application, nullptr);  // network off
+    ASSERT_EQ(hbb_sim_fire_network_status(NETWORK_ON), 0);
+    EXPECT_EQ(body(), "59|no boundary|");
+    EXPECT_EQ(body(), "50|http://host.example/app/index.html|");
+    ASSERT_NE(running_application, nullptr);
+    EXPECT_EQ(running_application->app_id, 8);
+}
+
+TEST_F(AitIntakeTest, ChannelChangeAppliesServiceBinding) {
+    AppSpec unbound = carousel(1);
+    unbound.service_bound = 0;
+    OwnedAit ait(16, "dvb://1.2.3", {unbound});
+    deliver(ait);
+    ASSERT_NE(running_application, nullptr);
+    char ccid[] = "ccid:9", name[] = "Nine", dsd[] = "";
+    Channel ch{CHANNEL_TYPE_TV, ccid, 1, 2, 9, name, dsd, 0, 1, 0, 0};
+    channelChanged(&ch);
+    EXPECT_EQ(nextFrame(Connection::Callbacks).body, "60|0|ccid:9|1|1|2|9|Nine||0|0|0|");
+    EXPECT_NE(running_application, nullptr);  // not service bound: kept
+    EXPECT_EQ(current_version, -1);
+
+    running_application->is_service_bound = 1;
+    channelChanged(&ch);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(g_stops, 1);
+}
+
+TEST_F(AitIntakeTest, ChannelChangeKeepsAnIndependentApplicationOnlyAfterItsOwnTune) {
+    char url[] = "http://host.example/app.html";
+    update_running_application_as_independent(url);
+    running_application_type = BROADCAST_INDEPENDENT;
+    tunning_requested_by = REQUESTED_BY_INDEPENDENT_TYPE;
+    channelChanged(nullptr);
+    EXPECT_NE(running_application, nullptr);
+    EXPECT_EQ(tunning_requested_by, NOT_REQUESTED);
+    EXPECT_EQ(hbb_sim_call_count("DSMCC_Disconnect"), 1);
+    channelChanged(nullptr);
+    EXPECT_EQ(running_application, nullptr);
+}
+
+TEST_F(AitIntakeTest, NamedApplicationFromTheCurrentAit) {
+    AppSpec named = carousel(0x1a, PRESENT);
+    named.org = 0x13;
+    named.url = "dvb://1.2.3.1/app/index.html?lang=fr";
+    OwnedAit ait(16, "dvb://1.2.3", {named});
+    deliver(ait);
+    ASSERT_EQ(running_application, nullptr);  // PRESENT is not started by itself
+    char locator[] = "dvb://current.ait/13.1a?page=2";
+    EXPECT_EQ(application_create(locator), 1);
+    EXPECT_EQ(body(), "59|no boundary|");
+    EXPECT_EQ(body(), "50|dvb://1.2.3.1/app/index.html?lang=fr&page=2|");
+    ASSERT_NE(running_application, nullptr);
+    EXPECT_EQ(running_application->organisation_id, 0x13);
+    char unknown[] = "dvb://current.ait/13.1b";
+    EXPECT_EQ(application_create(unknown), 0);
+}
