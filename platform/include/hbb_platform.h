@@ -97,12 +97,24 @@ int hbbExitKeyHandle(void);
  * One object carousel is mounted at a time. Loader calls may block while the
  * middleware acquires a module from the broadcast, up to a time-out of its
  * own; they must return DSMCC_LOADER_BREAK promptly when the service changes
- * during the wait. They are called on the "DSMCC" receive thread and from
- * application start (AIT callback and browser threads). A dvbUrl is a
- * "dvb://onid.tsid.sid[.ctag]/path" locator without query or fragment. */
+ * during the wait (the library then mounts again and retries once). They are
+ * called on the "DSMCC" receive thread and from application start (AIT
+ * callback and browser threads), possibly at the same time.
+ *
+ * A dvbUrl is "dvb://onid.tsid.sid.ctag/dir/.../name" (the prefix always in
+ * lower case) without query or fragment; "dvb://host/" or "dvb://host" names
+ * the carousel's root directory. The library never passes a path with an
+ * empty, "." or ".." component (also not percent-encoded) or a control
+ * character; a port that maps the carousel onto a local file system must
+ * still keep every lookup inside the carousel.
+ *
+ * Buffers handed out are malloc-compatible blocks owned by the caller until
+ * released with DSMCC_LoaderRelease. Outputs are written on DSMCC_LOADER_OK
+ * only. */
 
 /* Mounts the carousel carried in the component with this tag on the current
- * service. May block for the mount; eQUMA_NO_ERROR when mounted. */
+ * service, replacing any carousel mounted before. May block for the mount;
+ * eQUMA_NO_ERROR when mounted. */
 tQUMA_ErrorCode QUMA_MountCarouselObject(unsigned short componentTag);
 /* Unmounts the current carousel; the library always passes "DSM://". */
 tQUMA_ErrorCode QUMA_UmountCarouselObject(const char* mountName);
@@ -113,22 +125,30 @@ void DSMCC_Disconnect(void);
 int DSMCC_DeleteAllFileFromFSA(void);
 
 /* Looks an entry up without loading its content: its kind and the number of
- * the module that carries it. Both outputs are written on DSMCC_LOADER_OK
- * only. */
+ * the module that carries it. DSMCC_LOADER_NOT_FOUND when the carousel has no such entry,
+ * DSMCC_LOADER_ERROR when the URL's carousel is not the mounted one. */
 DSMCC_LoaderResult DSMCC_LoaderGetEntryInfo(const char* dvbUrl, DSMCC_LoaderEntryType* entryType,
                                             unsigned short* moduleId);
-/* Loads a file. On DSMCC_LOADER_OK *data holds *length bytes (not
- * terminated), released with DSMCC_LoaderRelease. */
+/* Loads a file. On DSMCC_LOADER_OK *data holds *length bytes (binary, not
+ * terminated; null or any pointer when *length is 0). DSMCC_LOADER_NOT_FOUND
+ * when there is no file of that name (also when the entry is a directory or
+ * a stream-event object). */
 DSMCC_LoaderResult DSMCC_LoaderGetFile(const char* dvbUrl, unsigned char** data,
                                        unsigned int* length);
-/* Lists a directory. On DSMCC_LOADER_OK *listing is a zero-terminated text of
- * the entry names separated by ',' in carousel order, sub-directories ending
- * in '/'; released with DSMCC_LoaderRelease. */
-DSMCC_LoaderResult DSMCC_LoaderGetDirectory(const char* dvbUrl, char** listing);
-/* Names of the events of a stream-event object. On DSMCC_LOADER_OK
- * *eventNames is a zero-terminated text of names separated by ','; released
- * with DSMCC_LoaderRelease. */
-DSMCC_LoaderResult DSMCC_LoaderGetStreamEventList(const char* dvbUrl, char** eventNames);
+/* Lists a directory. On DSMCC_LOADER_OK *records holds *length bytes: one
+ * record per entry, in carousel order, each made of the entry's kind as one
+ * digit ('0' file, '1' directory, '2' stream-event object, the values of
+ * DSMCC_LoaderEntryType), the entry's name and a zero byte. An empty
+ * directory gives *length 0. DSMCC_LOADER_NOT_FOUND when the entry is
+ * missing or not a directory. */
+DSMCC_LoaderResult DSMCC_LoaderGetDirectory(const char* dvbUrl, char** records,
+                                            unsigned int* length);
+/* Names of the events of a stream-event object. On DSMCC_LOADER_OK *names
+ * holds *length bytes: each event name followed by a zero byte, in the
+ * object's order. DSMCC_LOADER_NOT_FOUND when the entry is missing or not a
+ * stream-event object. */
+DSMCC_LoaderResult DSMCC_LoaderGetStreamEventList(const char* dvbUrl, char** names,
+                                                  unsigned int* length);
 /* Releases a buffer handed out by a loader call; null is ignored. */
 void DSMCC_LoaderRelease(void* buffer);
 

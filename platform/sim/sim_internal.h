@@ -43,5 +43,6 @@ void reset_notifications();
 void reset_channels();
 void reset_presentation();
 void reset_settable_answers();
+void reset_carousel();
 
 }  // namespace hbbsim

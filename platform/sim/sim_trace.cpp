@@ -98,6 +98,7 @@ void hbb_sim_reset(void) {
     hbbsim::reset_channels();
     hbbsim::reset_presentation();
     hbbsim::reset_settable_answers();
+    hbbsim::reset_carousel();
 }
 
 }  // extern "C"

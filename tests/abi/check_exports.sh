@@ -6,7 +6,7 @@ lib=$1
 include_dir=$2
 fail=0
 
-exported=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | grep -vE '^APPMGR_[0-9]+$' | sort -u)
+exported=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | grep -vE '^APPMGR_[0-9]+$' | grep -vE '^__(odr_)?(asan|ubsan|tsan|lsan|sanitizer)' | sort -u)
 declared=$(ls "$include_dir"/*.h | grep -v app_mgr_export.h | xargs cat | tr '\n' ' ' | grep -oE 'APPMGR_API[^;{]*[;{]' |
            sed -E 's/\[[^]]*\]//g; s/\([^()]*(\([^()]*\)[^()]*)*\)//g' |
            grep -oE '[A-Za-z_][A-Za-z0-9_]*[[:space:]]*[;{]$' | tr -d ' ;{' | sort -u)

@@ -1,5 +1,7 @@
 /* Every public header, compiled as plain C. */
 #include "app_mgr.h"
+#include "app_mgr_dsmcc.h"
+#include "app_mgr_broadband.h"
 #include "app_mgr_export.h"
 #include "app_mgr_platform_types.h"
 #include "app_mgr_state.h"

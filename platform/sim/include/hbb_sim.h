@@ -60,6 +60,31 @@ int hbb_sim_fire_ait(AitTable* ait);
 int hbb_sim_fire_network_status(int status);
 int hbb_sim_fire_module_update(unsigned short module_id, unsigned char is_dir_ref, void* data);
 
+/* ---- object carousel -------------------------------------------------------
+ * A local directory tree serves as the object carousel of a component tag:
+ * QUMA_MountCarouselObject mounts a tag that has one (eQUMA_NOT_AVAILABLE
+ * otherwise) and the DSM-CC loader then serves URLs of that tag from the
+ * tree. Directories are directories, regular files are files, and a regular
+ * file "NAME.ste" is the stream-event object "NAME" whose lines are its
+ * event names (blank lines and lines starting with "#" ignored). Paths
+ * never leave the tree: "..", "." and empty components and symbolic links
+ * leading outside are answered DSMCC_LOADER_NOT_FOUND. Entries are listed in
+ * byte order of their names; each is carried in its directory's module (1
+ * for the root directory). The tree is read afresh on every call. */
+
+/* Serves directory (copied as its real path) as the carousel of the tag
+ * (0 to 65535); NULL removes the tag's carousel. 0 on success, -1 for a bad
+ * tag or a path that is not a directory. */
+int hbb_sim_set_carousel(int component_tag, const char* directory);
+/* Removes every carousel and unmounts; no breaks stay pending. */
+void hbb_sim_clear_carousels(void);
+/* The next `count` loader calls (of any kind) report DSMCC_LOADER_BREAK and
+ * drop the mount, as a service change during a load would; 0 cancels. */
+void hbb_sim_carousel_break_next(int count);
+/* Component tag of the mounted carousel, or -1 when none is mounted (after
+ * an unmount, DSMCC_Disconnect, a failed mount or a simulated break). */
+int hbb_sim_mounted_carousel(void);
+
 /* ---- channels --------------------------------------------------------------
  * The simulated channel list. Channels are copied in; the list starts empty
  * and with no current channel. */
