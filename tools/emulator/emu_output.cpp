@@ -1,0 +1,159 @@
+#include "emu_output.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "app_mgr_state.h"
+
+namespace appmgr::emu {
+
+using namespace appmgr::standin;
+
+namespace {
+
+constexpr int kReaderPollMs = 100;
+
+std::mutex g_out_mu;
+std::mutex g_context_mu;
+std::string g_fail_context;
+
+}  // namespace
+
+bool g_verbose = false;
+
+void emit(const std::string& line) {
+    std::lock_guard<std::mutex> g(g_out_mu);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+std::string padded(const std::string& s, std::size_t width) {
+    return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
+}
+
+std::string col(Connection c) { return padded(connectionName(c), 13) + " "; }
+
+std::string idAndName(int id, const char* name) {
+    return padded(std::to_string(id), 3) + " " + padded(name, 26) + " ";
+}
+
+std::string trimRight(std::string s) {
+    while (!s.empty() && s.back() == ' ') s.pop_back();
+    return s;
+}
+
+std::string quoted(const std::string& s) { return "\"" + escapeBytes(s) + "\""; }
+
+std::string fieldList(const std::vector<std::string>& fields,
+                      const std::optional<std::string>& trailing) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < fields.size(); ++i) out += (i ? ", " : "") + quoted(fields[i]);
+    out += "]";
+    if (trailing) out += " +unterminated " + quoted(*trailing);
+    return out;
+}
+
+const char* stateName(int s) {
+    switch (s) {
+        case APP_MANAGER_DEINITIALIZED: return "APP_MANAGER_DEINITIALIZED";
+        case APP_MANAGER_SUSPENDED: return "APP_MANAGER_SUSPENDED";
+        case APP_MANAGER_INITIALIZING: return "APP_MANAGER_INITIALIZING";
+        case APP_MANAGER_INITIALIZED: return "APP_MANAGER_INITIALIZED";
+    }
+    return "?";
+}
+
+int libraryState() { return static_cast<int>(__atomic_load_n(&appmgr_state, __ATOMIC_ACQUIRE)); }
+
+void setFailContext(const std::string& context) {
+    std::lock_guard<std::mutex> g(g_context_mu);
+    g_fail_context = context;
+}
+
+void fail(const std::string& why) {
+    std::string context;
+    {
+        std::lock_guard<std::mutex> g(g_context_mu);
+        context = g_fail_context;
+    }
+    emit("appmgr-emu: FAILED: " + (context.empty() ? "" : context + ": ") + why);
+    if (!g_verbose) emit("appmgr-emu: run with --verbose to see the library's log");
+    std::_Exit(1);
+}
+
+void step(const std::string& what) { emit("\n== " + what); }
+
+// A library call is shown before it is made (what it causes is printed by
+// other threads meanwhile) and its result after it returned.
+void libraryCall(const std::string& call) { emit("library   " + call); }
+
+void libraryResult(int result) {
+    emit("          -> " + std::to_string(result) + "  (state " + stateName(libraryState()) + ")");
+}
+
+void libraryDone() {
+    emit(std::string("          -> returned  (state ") + stateName(libraryState()) + ")");
+}
+
+void expectResult(const std::string& call, int result, int expected) {
+    if (result != expected)
+        fail(call + " returned " + std::to_string(result) + ", expected " + std::to_string(expected));
+}
+
+void expectState(int expected) {
+    int s = libraryState();
+    if (s != expected)
+        fail(std::string("library state is ") + stateName(s) + ", expected " + stateName(expected));
+}
+
+bool FrameLog::waitFor(Connection c, int id, const std::vector<std::string>* fields, int timeout_ms) {
+    return ClaimLog<SeenFrame>::waitFor(
+        [&](const SeenFrame& e) {
+            return e.conn == c && e.frame.id == id && (!fields || e.frame.fields == *fields);
+        },
+        timeout_ms);
+}
+
+void readFrames(BrowserStandin& standin, Connection c, const std::atomic<bool>& stop, FrameLog& log) {
+    while (!stop.load()) {
+        std::optional<Frame> f = standin.readFrame(c, kReaderPollMs);
+        if (f) {
+            emit(col(c) + "<- " + idAndName(f->id, commandName(f->id)) +
+                 fieldList(f->fields, f->trailing));
+            if (g_verbose) emit(col(c) + "   raw " + quoted(f->raw));
+            log.add(c, std::move(*f));
+            continue;
+        }
+        switch (standin.lastReadStatus(c)) {
+            case ReadStatus::Ok:
+            case ReadStatus::Timeout: break;
+            case ReadStatus::Malformed:
+                emit(col(c) + "<- malformed data dropped: " + standin.lastError(c));
+                break;
+            case ReadStatus::Closed: emit(col(c) + "-- connection closed by the library"); return;
+            case ReadStatus::NotConnected: return;
+            case ReadStatus::Error: emit(col(c) + "-- read error: " + standin.lastError(c)); return;
+        }
+    }
+}
+
+void sendRequest(BrowserStandin& standin, Connection c, int id, const std::vector<std::string>& fields) {
+    emit(trimRight(col(c) + "-> " + idAndName(id, requestName(c, id)) +
+                   (fields.empty() ? "" : fieldList(fields))));
+    if (!standin.sendRequest(c, id, fields))
+        fail(std::string("could not send request ") + std::to_string(id) + " on " + connectionName(c));
+}
+
+void onPlatformCall(const char* function, const char* details, void*) {
+    emit(std::string("platform  ") + function + "(" + (details ? details : "") + ")");
+}
+
+void emitLogLine(const char* line) {
+    std::string text = line ? line : "";
+    for (char& ch : text)
+        if (ch == '\n' || ch == '\r') ch = ' ';
+    emit("log       " + text);
+}
+
+}  // namespace appmgr::emu

@@ -1,0 +1,148 @@
+// Output and checking helpers shared by the built-in scenario and the
+// scenario-file runner of appmgr-emu: whole-line output from many threads,
+// the column layout of the trace, failure exits, and the logs of frames and
+// events that steps wait for.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "browser_standin.h"
+
+namespace appmgr::emu {
+
+using standin::Connection;
+using standin::Frame;
+
+// --verbose: library log lines and raw frames are printed too.
+extern bool g_verbose;
+
+// Writes one line to stdout, whole (lines come from several threads).
+void emit(const std::string& line);
+
+std::string padded(const std::string& s, std::size_t width);
+// Connection column: "Application   ".
+std::string col(Connection c);
+// "141 time zone              " : id and name columns of a message line.
+std::string idAndName(int id, const char* name);
+std::string trimRight(std::string s);
+std::string quoted(const std::string& s);
+std::string fieldList(const std::vector<std::string>& fields,
+                      const std::optional<std::string>& trailing = std::nullopt);
+
+const char* stateName(int s);
+// The library writes its state from its own threads; read it atomically.
+int libraryState();
+
+// Text put before every failure message (the step that failed); empty for
+// the built-in scenario.
+void setFailContext(const std::string& context);
+// Prints the failure and ends the process with status 1 at once: library
+// threads may still be blocked inside the library.
+[[noreturn]] void fail(const std::string& why);
+
+void step(const std::string& what);
+void libraryCall(const std::string& call);
+void libraryResult(int result);
+// The result line of a call that returns nothing.
+void libraryDone();
+void expectResult(const std::string& call, int result, int expected);
+void expectState(int expected);
+
+// Shows a library call, makes it, shows and checks its result.
+template <typename Fn>
+int callLibrary(const std::string& call, Fn fn, int expected) {
+    libraryCall(call);
+    int r = fn();
+    libraryResult(r);
+    expectResult(call, r, expected);
+    return r;
+}
+
+// Things seen during a run (frames, decisions) that steps wait for. A wait
+// claims the earliest unclaimed entry that matches, so two waits for the
+// same kind of entry need two entries.
+template <typename T>
+class ClaimLog {
+public:
+    using Match = std::function<bool(const T&)>;
+
+    void add(T entry) {
+        std::lock_guard<std::mutex> g(mu_);
+        seen_.push_back({std::move(entry), false});
+        cv_.notify_all();
+    }
+    bool waitFor(const Match& match, int timeout_ms) {
+        std::unique_lock<std::mutex> g(mu_);
+        return cv_.wait_for(g, std::chrono::milliseconds(timeout_ms), [&] {
+            for (Slot& s : seen_) {
+                if (s.claimed || !match(s.entry)) continue;
+                s.claimed = true;
+                return true;
+            }
+            return false;
+        });
+    }
+    // The earliest unclaimed match, left unclaimed.
+    std::optional<T> findUnclaimed(const Match& match) {
+        std::lock_guard<std::mutex> g(mu_);
+        for (const Slot& s : seen_)
+            if (!s.claimed && match(s.entry)) return s.entry;
+        return std::nullopt;
+    }
+    std::vector<T> unclaimed() {
+        std::lock_guard<std::mutex> g(mu_);
+        std::vector<T> out;
+        for (const Slot& s : seen_)
+            if (!s.claimed) out.push_back(s.entry);
+        return out;
+    }
+    std::size_t count() {
+        std::lock_guard<std::mutex> g(mu_);
+        return seen_.size();
+    }
+
+private:
+    struct Slot {
+        T entry;
+        bool claimed;
+    };
+    std::mutex mu_;
+    std::condition_variable cv_;
+    std::vector<Slot> seen_;
+};
+
+struct SeenFrame {
+    Connection conn;
+    Frame frame;
+};
+
+class FrameLog : public ClaimLog<SeenFrame> {
+public:
+    void add(Connection c, Frame f) { ClaimLog<SeenFrame>::add({c, std::move(f)}); }
+    // Waits for a frame on c with this id (and these fields, if given).
+    bool waitFor(Connection c, int id, const std::vector<std::string>* fields, int timeout_ms);
+};
+
+// Prints and records every frame the library pushes on one connection until
+// stop is set or the connection ends.
+void readFrames(standin::BrowserStandin& standin, Connection c, const std::atomic<bool>& stop,
+                FrameLog& log);
+
+// Shows and sends a browser request "id|fields|"; fails when it cannot be sent.
+void sendRequest(standin::BrowserStandin& standin, Connection c, int id,
+                 const std::vector<std::string>& fields);
+
+// Platform trace hook: "platform  name(details)".
+void onPlatformCall(const char* function, const char* details, void* user);
+// Renders a library log line for the trace ("log       ...").
+void emitLogLine(const char* line);
+
+}  // namespace appmgr::emu

@@ -1,0 +1,164 @@
+// Scenario files of appmgr-emu: the model of a scenario (service and
+// channels, applications, AITs, terminal settings, timeline) and the reader
+// that builds it from an INI file through the library's own INI reader.
+//
+// Reading is pure: nothing here touches the library's state, the platform or
+// the sockets. Every error names the file and, where it has one, the line,
+// and says what was expected. Running a scenario is scenario_runner.h.
+//
+// Timeline steps are parsed by step kinds kept in a registry: a kind has a
+// name, a one-line syntax for messages and a parse function that checks the
+// step's arguments against the scenario and stores them normalised in the
+// Step. The runner keeps the matching table of run functions.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace appmgr::emu {
+
+// AIT transport protocol ids.
+constexpr int kTransportCarousel = 1;
+constexpr int kTransportHttp = 3;
+
+// The placeholder replaced by "127.0.0.1:PORT" of the emulator's HTTP
+// responder in URLs, browser messages and expected texts.
+constexpr const char* kHttpPlaceholder = "{http}";
+
+// Longest time a scenario may run, and the default.
+constexpr int kMaxTimeLimitSeconds = 300;
+constexpr int kDefaultTimeLimitSeconds = 20;
+// Longest single "wait".
+constexpr int kMaxWaitMs = 10000;
+// Limits that keep a hostile file from growing the run without bound.
+constexpr int kMaxSteps = 500;
+constexpr int kMaxApps = 256;
+constexpr long kMaxFileBytes = 1 << 20;
+
+struct ChannelSpec {
+    std::string name;  // "service" for [service], NAME for [channel.NAME]
+    int onid = 0;
+    int tsid = 0;
+    int sid = 0;
+    std::string label;    // the channel's name as the receiver lists it
+    std::string dvb_url;  // locator given to the AITs of this channel by default
+};
+
+struct RatingSpec {
+    std::string country;  // three letters
+    int rating = 0;
+};
+
+struct AppSpec {
+    std::string section;  // NAME of [app.NAME]
+    int org_id = 0;
+    int app_id = 0;
+    int control = 0;  // a ControlCode value, or any other number as written
+    int priority = 1;
+    std::string url;
+    int transport = kTransportCarousel;
+    std::optional<std::string> boundary;
+    bool service_bound = true;
+    int profile = 0;
+    int version[3] = {1, 1, 1};
+    std::vector<RatingSpec> parental;
+    bool ip_required = false;
+    int usage = 0;
+    int visibility = 3;
+    std::string name;
+};
+
+// One entry of an AIT: an application section, optionally with another
+// control code in this table ("high:KILL").
+struct AitEntry {
+    std::string app;
+    std::optional<int> control;
+};
+
+struct AitSpec {
+    std::string name;
+    std::string channel = "service";
+    std::string dvb_url;
+    int type = 16;
+    bool test = false;
+    int version = 1;
+    std::vector<AitEntry> apps;
+};
+
+struct TerminalSpec {
+    int version[3] = {1, 5, 1};  // HbbTV version of the terminal
+    std::optional<int> parental_threshold;
+    std::optional<int> network;  // fired once the library is active
+};
+
+struct HttpSpec {
+    bool enabled = false;              // [http] present or {http} used
+    std::vector<std::string> missing;  // paths answered "404 Not Found"
+};
+
+struct Step {
+    std::string key;   // "step3"
+    long number = 0;   // 3
+    int line = 0;      // line in the file (0 when unknown)
+    std::string text;  // the value as written
+    std::string kind;  // first word, lower-cased
+    // Arguments as the kind's parser normalised them, and the free text that
+    // follows them for kinds that take one (browser message, frame fields).
+    std::vector<std::string> args;
+    std::optional<std::string> tail;
+};
+
+struct Scenario {
+    std::string path;
+    std::string title;
+    int time_limit_s = kDefaultTimeLimitSeconds;
+    std::vector<ChannelSpec> channels;  // channels[0] is the service
+    std::vector<AppSpec> apps;          // in file order
+    std::vector<AitSpec> aits;          // "main" and "empty" always among them
+    TerminalSpec terminal;
+    HttpSpec http;
+    std::vector<Step> timeline;  // by step number
+
+    const ChannelSpec* channel(const std::string& name) const;
+    int channelIndex(const std::string& name) const;
+    const AppSpec* app(const std::string& section) const;
+    const AitSpec* ait(const std::string& name) const;
+};
+
+// Reads a scenario. On failure returns nullopt and puts "FILE[:LINE]: what"
+// into *error.
+std::optional<Scenario> loadScenario(const std::string& path, std::string* error);
+
+// ---- step kinds --------------------------------------------------------------
+
+struct StepKind {
+    std::string name;
+    std::string syntax;  // "deliver_ait NAME"
+    // Checks step.text (already split into kind and the rest) and fills
+    // step.args / step.tail. Returns "" or what is wrong.
+    std::function<std::string(Step& step, const std::string& rest, const Scenario& s)> parse;
+};
+
+const std::vector<StepKind>& stepKinds();
+const StepKind* findStepKind(const std::string& name);
+// Adds (or replaces) a kind; for kinds defined outside this file.
+void addStepKind(StepKind kind);
+
+// ---- names and small parsers shared with the runner -----------------------------
+
+// Decisions of the library the trace reports and "expect decision" checks.
+const std::vector<std::string>& decisionKinds();
+
+// "AUTOSTART" for 1 ... ; nullptr for other numbers.
+const char* controlCodeName(int code);
+// "0x10.1" / "16.1" -> organisation and application id.
+bool parseAppIds(const std::string& text, int* org, int* app);
+std::string formatAppIds(int org, int app);
+// Splits "a|b|c|" or "a|b|c" into fields (a last "|" is optional).
+std::vector<std::string> splitExpectedFields(const std::string& text);
+// Replaces every {http} by host.
+std::string expandPlaceholders(const std::string& text, const std::string& host);
+
+}  // namespace appmgr::emu

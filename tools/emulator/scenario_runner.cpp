@@ -1,0 +1,657 @@
+#include "scenario_runner.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app_mgr.h"
+#include "app_mgr_state.h"
+#include "browser_standin.h"
+#include "emu_output.h"
+#include "hbb_sim.h"
+#include "http_stub.h"
+
+namespace appmgr::emu {
+
+namespace {
+
+using namespace appmgr::standin;
+
+constexpr int kConnectMs = 5000;
+constexpr int kInitMs = 6000;
+constexpr int kWaitMs = 2000;   // expected frames, decisions and replies
+constexpr int kSettleMs = 300;  // before checking that something did not happen
+constexpr int kQuietMs = 30;    // frames still arriving after a step (see settle())
+
+const char* const kUserAgentHead =
+    "Mozilla/5.0 (Linux; appmgr-emu) AppleWebKit/537.36 (KHTML, like Gecko) HbbTV/";
+const char* const kUserAgentTail = " (+DRM; Emu; Sim; 1.0; ;)";
+
+std::string hex(int v) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%x", static_cast<unsigned>(v));
+    return text;
+}
+
+std::string versionText(const int v[3]) {
+    return std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]);
+}
+
+std::string controlText(int code) {
+    const char* name = controlCodeName(code);
+    return name ? name : "control " + std::to_string(code);
+}
+
+std::string transportText(int protocol) {
+    if (protocol == kTransportHttp) return "http";
+    if (protocol == kTransportCarousel) return "dvb";
+    return "protocol " + std::to_string(protocol);
+}
+
+char* dup(const std::string& s) { return strdup(s.c_str()); }
+
+// ---- what the middleware hands over ----------------------------------------------
+
+// An AitTable built the way the middleware builds one: every text on the
+// heap, owned by the caller; the library only copies it.
+class BuiltAit {
+public:
+    BuiltAit(const Scenario& s, const AitSpec& spec, const std::string& host) {
+        const ChannelSpec* ch = s.channel(spec.channel);
+        t_.is_test_app = spec.test ? 1 : 0;
+        t_.app_type = spec.type;
+        t_.version = spec.version;
+        std::snprintf(t_.dvb_url, sizeof(t_.dvb_url), "%s", spec.dvb_url.c_str());
+        t_.app_lenght = static_cast<int>(spec.apps.size());
+        t_.apps = static_cast<Application*>(std::calloc(spec.apps.size() + 1, sizeof(Application)));
+        for (std::size_t i = 0; i < spec.apps.size(); ++i) {
+            const AppSpec& a = *s.app(spec.apps[i].app);
+            Application& out = t_.apps[i];
+            out.organisation_id = a.org_id;
+            out.app_id = a.app_id;
+            out.control_code = static_cast<ControlCode>(spec.apps[i].control.value_or(a.control));
+            out.app_profile = a.profile;
+            out.version_major = a.version[0];
+            out.version_minor = a.version[1];
+            out.version_micro = a.version[2];
+            out.is_service_bound = a.service_bound ? 1 : 0;
+            out.visibility = a.visibility;
+            out.app_priority = a.priority;
+            out.app_usage_type = a.usage;
+            out.app_name = dup(a.name);
+            out.app_boundary = a.boundary ? dup(expandPlaceholders(*a.boundary, host)) : nullptr;
+            out.is_IP_connect_require = a.ip_required ? 1 : 0;
+            auto* tp = static_cast<transport_protocol_descriptor*>(
+                std::calloc(1, sizeof(transport_protocol_descriptor)));
+            tp->protocol_id = a.transport;
+            tp->transport_protocol_label = 1;
+            if (a.transport != kTransportHttp && ch) {
+                tp->original_network_id = ch->onid;
+                tp->transport_stream_id = ch->tsid;
+                tp->service_id = ch->sid;
+            }
+            tp->url = dup(expandPlaceholders(a.url, host));
+            out.transport_protocol = tp;
+            if (!a.parental.empty()) {
+                out.app_parental.count = static_cast<int>(a.parental.size());
+                out.app_parental.parental = static_cast<parental_rating*>(
+                    std::calloc(a.parental.size(), sizeof(parental_rating)));
+                for (std::size_t r = 0; r < a.parental.size(); ++r) {
+                    std::snprintf(out.app_parental.parental[r].country, 4, "%s",
+                                  a.parental[r].country.c_str());
+                    out.app_parental.parental[r].rating = a.parental[r].rating;
+                }
+            }
+        }
+    }
+    ~BuiltAit() {
+        for (int i = 0; i < t_.app_lenght; ++i) {
+            Application& a = t_.apps[i];
+            if (a.transport_protocol) std::free(a.transport_protocol->url);
+            std::free(a.transport_protocol);
+            std::free(a.app_name);
+            std::free(a.app_boundary);
+            std::free(a.app_parental.parental);
+        }
+        std::free(t_.apps);
+    }
+    BuiltAit(const BuiltAit&) = delete;
+    BuiltAit& operator=(const BuiltAit&) = delete;
+    AitTable* get() { return &t_; }
+
+private:
+    AitTable t_{};
+};
+
+// A Channel record whose texts live as long as it does.
+struct ChannelRecord {
+    ChannelRecord(const ChannelSpec& c, int position)
+        : ccid("ccid:" + std::to_string(position + 1)), name(c.label) {
+        rec.type = CHANNEL_TYPE_TV;
+        rec.ccid = ccid.data();
+        rec.onid = c.onid;
+        rec.tsid = c.tsid;
+        rec.sid = c.sid;
+        rec.name = name.data();
+        rec.idType = 12;  // DVB-T
+        rec.nid = c.onid;
+        rec.TerminalChannel = position + 1;
+        rec.MajorChannel = position + 1;
+    }
+    std::string ccid;
+    std::string name;
+    Channel rec{};
+};
+
+std::string describeChannel(const ChannelSpec& c) {
+    return "\"" + c.label + "\" " + hex(c.onid) + "." + hex(c.tsid) + "." + hex(c.sid);
+}
+
+// ---- decisions ------------------------------------------------------------------------
+
+struct Decision {
+    std::string kind;
+    int org = -1;
+    int app = -1;
+    std::string text;
+};
+
+std::string describe(const Decision& d) {
+    return d.kind + (d.org >= 0 ? " " + formatAppIds(d.org, d.app) : "");
+}
+
+// The running application's ids, read under the AIT guard.
+std::optional<std::pair<int, int>> runningIds() {
+    lockAitGuard();
+    std::optional<std::pair<int, int>> ids;
+    if (running_application)
+        ids = std::make_pair(running_application->organisation_id, running_application->app_id);
+    unlockAitGuard();
+    return ids;
+}
+
+// ---- the run ------------------------------------------------------------------------------
+
+class Run;
+Run* g_run = nullptr;
+
+class Run {
+public:
+    explicit Run(const Scenario& s) : s_(s) {}
+
+    void execute();
+
+    // Hooks (library and platform threads).
+    void onLog(const char* line);
+    int onStart();
+    int onStop();
+
+    // Step kinds.
+    void deliverAit(const Step& st);
+    void network(const Step& st);
+    void channel(const Step& st);
+    void wait(const Step& st);
+    void waitFrame(const Step& st);
+    void browser(const Step& st);
+    void expect(const Step& st);
+    void close(const Step& st);
+
+private:
+    void setUp();
+    void startUp();
+    void decide(const std::string& kind, int org, int app, const std::string& detail);
+    void settle();
+    std::string expand(const std::string& t) const { return expandPlaceholders(t, http_host_); }
+
+    const Scenario& s_;
+    BrowserStandin standin_;
+    FrameLog frames_;
+    ClaimLog<Decision> decisions_;
+    HttpStub http_;
+    std::string http_host_ = "127.0.0.1";
+    std::atomic<bool> stop_readers_{false};
+    std::vector<std::thread> readers_;
+    std::optional<std::string> last_reply_;
+    bool closed_ = false;
+};
+
+using RunFn = void (Run::*)(const Step&);
+
+const std::map<std::string, RunFn>& runTable() {
+    static const std::map<std::string, RunFn> table{
+        {"deliver_ait", &Run::deliverAit}, {"network", &Run::network},
+        {"channel", &Run::channel},        {"wait", &Run::wait},
+        {"wait_frame", &Run::waitFrame},   {"browser", &Run::browser},
+        {"expect", &Run::expect},          {"close", &Run::close},
+    };
+    return table;
+}
+
+void logHook(int, const char* line, void*) {
+    if (g_run) g_run->onLog(line);
+}
+int startCallback() { return g_run ? g_run->onStart() : 0; }
+int stopCallback() { return g_run ? g_run->onStop() : 0; }
+
+// The library's log lines that carry a decision become "decision" lines. A
+// kill is logged after the check that caused it, so the check's reason is
+// kept per thread until the kill line comes.
+void Run::onLog(const char* line) {
+    if (g_verbose) emitLogLine(line);
+    // "<time> INFO lyra[19]: [function:line]:message": only the message is
+    // compared, and only at its start, so texts the library logs on behalf
+    // of others (URLs, browser messages) cannot pass for a decision.
+    const std::string text = line ? line : "";
+    std::string message = text;
+    const std::size_t open = text.find(": [");
+    const std::size_t close = open == std::string::npos ? open : text.find("]:", open + 3);
+    if (close != std::string::npos) message = text.substr(close + 2);
+    auto is = [&](const char* phrase) { return message.rfind(phrase, 0) == 0; };
+    auto after = [&](const char* phrase) { return message.substr(std::strlen(phrase)); };
+    thread_local std::string reason;
+    thread_local std::string probe_url;
+
+    auto running = [] {
+        // Logged by the thread that judges the running application, while
+        // it still holds it.
+        Application* a = running_application;
+        return a ? std::make_pair(a->organisation_id, a->app_id) : std::make_pair(-1, -1);
+    };
+
+    if (is("Application IS running running_application_type")) {
+        reason.clear();
+    } else if (is("running_application signaled with control code KILL")) {
+        reason = "signalled KILL";
+    } else if (is("application not signaled anymore")) {
+        reason = "not signalled in the new AIT";
+    } else if (is("running_application signaled with is_IP_connect_require = 1,but network is off")) {
+        reason = "needs broadband (is_IP_connect_require) and the network is not on";
+    } else if (is("running application is still signaled in new ait -> keep it running")) {
+        auto ids = running();
+        decide("keep", ids.first, ids.second, "still signalled in the new AIT");
+        reason = "the new AIT is a test table (is_test_app)";
+    } else if (is("kill running application because it is not signaled anymore")) {
+        auto ids = running();
+        decide("kill", ids.first, ids.second, reason.empty() ? "not signalled in the new AIT" : reason);
+        reason.clear();
+    } else if (is("application IS service bound")) {
+        auto ids = running();
+        decide("kill", ids.first, ids.second, "service bound, and the service changed");
+    } else if (is("autostart_app found")) {
+        Application* a = autostart_app;
+        if (a) {
+            std::string url =
+                a->transport_protocol && a->transport_protocol->url ? a->transport_protocol->url : "";
+            decide("autostart", a->organisation_id, a->app_id,
+                   "\"" + std::string(a->app_name ? a->app_name : "") + "\" priority " +
+                       std::to_string(a->app_priority) + ": " + url);
+        } else {
+            decide("autostart", -1, -1, "(entry not readable)");
+        }
+    } else if (is("no autostart application available")) {
+        decide("no_autostart", -1, -1, "no AUTOSTART entry is eligible");
+    } else if (is("Unknown application type. Rejecting AIT table.")) {
+        decide("refused", -1, -1, "unknown application type, the AIT is not taken");
+    } else if (is("Invalid DVB url len: ")) {
+        decide("refused", -1, -1,
+               "dvb_url length " + after("Invalid DVB url len: ") + ", the AIT is not taken");
+    } else if (is("Ignoring AIT table since we are in DTG mode")) {
+        decide("refused", -1, -1, "a DTG AIT of the same service is current, the HbbTV AIT is ignored");
+    } else if (is("Empty AIT, loading empty page..appmgr_state")) {
+        decide("empty", -1, -1, "AIT without applications: the current AIT is cleared");
+    } else if (is("network_status:") && message.find("is checking, hold Http App") != std::string::npos) {
+        decide("held", -1, -1, "HTTP application not started while the network state is being checked");
+    } else if (is("CALLED probe_http_app WAITING...: ")) {
+        probe_url = after("CALLED probe_http_app WAITING...: ");
+    } else if (is(" Http App probing failed")) {
+        decide("probe_failed", -1, -1, probe_url.empty() ? "HTTP probe failed" : probe_url);
+    } else if (is("There is running http application,but we not stop it")) {
+        auto ids = running();
+        decide("keep", ids.first, ids.second, "HTTP application left running with the network off");
+    }
+}
+
+// The library sends its frames before the call returns, but the reader
+// threads print them when they get to run: waiting until no frame came for a
+// short while keeps a step's frames in its part of the trace. Bounded.
+void Run::settle() {
+    for (int i = 0; i < 10; ++i) {
+        const std::size_t before = frames_.count();
+        std::this_thread::sleep_for(std::chrono::milliseconds(kQuietMs));
+        if (frames_.count() == before) return;
+    }
+}
+
+void Run::decide(const std::string& kind, int org, int app, const std::string& detail) {
+    Decision d{kind, org, app, detail};
+    emit("decision  " + describe(d) + ": " + detail);
+    decisions_.add(d);
+}
+
+// The start callback stands for the middleware: it starts its HbbTV mode
+// and asks the library to hand the start URL to the browser.
+int Run::onStart() {
+    emit("receiver  start callback: calls application_manager_cmd_start()");
+    int r = application_manager_cmd_start();
+    emit("receiver  application_manager_cmd_start() -> " + std::to_string(r));
+    return 1;
+}
+
+int Run::onStop() {
+    emit("receiver  stop callback: calls application_manager_cmd_stop()");
+    int r = application_manager_cmd_stop();
+    emit("receiver  application_manager_cmd_stop() -> " + std::to_string(r));
+    return 1;
+}
+
+void Run::setUp() {
+    for (const auto& kind : stepKinds())
+        if (!runTable().count(kind.name)) fail("step kind '" + kind.name + "' has no runner");
+
+    for (std::size_t i = 0; i < s_.channels.size(); ++i) {
+        ChannelRecord rec(s_.channels[i], static_cast<int>(i));
+        if (hbb_sim_add_channel(&rec.rec) < 0)
+            fail("the simulator refused channel " + s_.channels[i].name);
+    }
+    hbb_sim_set_current_channel(0);
+    emit("receiver  channels: " + [&] {
+        std::string list;
+        for (const ChannelSpec& c : s_.channels)
+            list += (list.empty() ? "" : ", ") + c.name + " " + describeChannel(c);
+        return list;
+    }() + "; current: service");
+    if (s_.terminal.parental_threshold) {
+        hbb_sim_set_parental_threshold(*s_.terminal.parental_threshold);
+        emit("receiver  parental rating threshold " + std::to_string(*s_.terminal.parental_threshold));
+    }
+    if (s_.http.enabled) {
+        std::string error;
+        if (!http_.start(
+                s_.http.missing, [](const std::string& l) { emit(l); }, &error))
+            fail("HTTP responder: " + error);
+        http_host_ = http_.host();
+        emit("http      answering on " + http_host_ +
+             (s_.http.missing.empty() ? "" : " (404 for " + [&] {
+                 std::string l;
+                 for (const std::string& p : s_.http.missing) l += (l.empty() ? "" : " ") + p;
+                 return l;
+             }() + ")"));
+    }
+}
+
+void Run::startUp() {
+    step("start-up: applicationManagerInit() waits for the browser; the stand-in connects");
+    libraryCall("applicationManagerInit()   [on its own thread]");
+    std::packaged_task<int()> first_init([] { return applicationManagerInit(); });
+    std::future<int> first_result = first_init.get_future();
+    std::thread init_thread(std::move(first_init));
+    for (Connection c : kAllConnections) {
+        if (!standin_.connect(c, kConnectMs))
+            fail(std::string("could not connect ") + connectionName(c) + ": " + standin_.lastError(c));
+        emit(col(c) + "connected to " + standin_.socketPath(c));
+    }
+    for (Connection c : {Connection::Application, Connection::Callbacks})
+        readers_.emplace_back(readFrames, std::ref(standin_), c, std::cref(stop_readers_),
+                              std::ref(frames_));
+    sendRequest(standin_, Connection::Application, 83, {"1"});
+    if (first_result.wait_for(std::chrono::milliseconds(kInitMs)) != std::future_status::ready)
+        fail("timed out waiting for the first applicationManagerInit() to return");
+    int r = first_result.get();
+    init_thread.join();
+    libraryResult(r);
+    expectResult("applicationManagerInit()", r, 1);
+    expectState(APP_MANAGER_SUSPENDED);
+
+    step("activation, start/stop callbacks, terminal version");
+    callLibrary(
+        "applicationManagerInit()", [] { return applicationManagerInit(); }, 1);
+    expectState(APP_MANAGER_INITIALIZED);
+    libraryCall("application_manager_register(start callback, stop callback)");
+    application_manager_register(startCallback, stopCallback);
+    libraryDone();
+
+    std::string ua = kUserAgentHead + versionText(s_.terminal.version) + kUserAgentTail;
+    libraryCall("configureUserAgentAddon(" + quoted(ua) + ")");
+    configureUserAgentAddon(ua.data());
+    libraryDone();
+    if (teminal_version_major != s_.terminal.version[0] ||
+        teminal_version_minor != s_.terminal.version[1] ||
+        teminal_version_micro != s_.terminal.version[2])
+        fail("terminal version is " + std::to_string(teminal_version_major) + "." +
+             std::to_string(teminal_version_minor) + "." + std::to_string(teminal_version_micro) +
+             " after configureUserAgentAddon, expected " + versionText(s_.terminal.version));
+
+    if (s_.terminal.network) {
+        Step st;
+        st.args = {std::to_string(*s_.terminal.network)};
+        network(st);
+    }
+    settle();
+}
+
+void Run::execute() {
+    emit("appmgr-emu: libapp-mgr on the simulated platform, browser stand-in on /tmp/UNIX_*.domain");
+    emit("appmgr-emu: scenario " + s_.path + (s_.title.empty() ? "" : ": " + s_.title) +
+         (g_verbose ? " (verbose)" : ""));
+    setUp();
+    startUp();
+    for (const Step& st : s_.timeline) {
+        step(st.key + ": " + st.text);
+        setFailContext(s_.path + (st.line ? ":" + std::to_string(st.line) : "") + ": " + st.key + " (" +
+                       st.text + ")");
+        (this->*runTable().at(st.kind))(st);
+        settle();
+    }
+    if (!closed_) {
+        step("end: close");
+        setFailContext("closing");
+        close(Step{});
+    }
+    setFailContext("");
+    emit("\nappmgr-emu: scenario passed (" + std::to_string(s_.timeline.size()) + " steps, " +
+         std::to_string(frames_.count()) + " frames received, " + std::to_string(decisions_.count()) +
+         " decisions)");
+}
+
+// ---- step kinds --------------------------------------------------------------------------
+
+void Run::deliverAit(const Step& st) {
+    const AitSpec& spec = *s_.ait(st.args.at(0));
+    BuiltAit ait(s_, spec, http_host_);
+    libraryCall("aitUpdate(AIT \"" + spec.name + "\": type " + std::to_string(spec.type) + ", version " +
+                std::to_string(spec.version) + (spec.test ? ", test" : "") + ", " +
+                quoted(spec.dvb_url) + ", " + std::to_string(spec.apps.size()) + " application" +
+                (spec.apps.size() == 1 ? "" : "s") + ")   [AIT subscription]");
+    for (int i = 0; i < ait.get()->app_lenght; ++i) {
+        const Application& a = ait.get()->apps[i];
+        const AppSpec& as = *s_.app(spec.apps[static_cast<std::size_t>(i)].app);
+        std::string extra;
+        if (!as.service_bound) extra += ", unbound";
+        if (as.ip_required) extra += ", needs IP";
+        for (const RatingSpec& r : as.parental)
+            extra += ", " + r.country + ":" + std::to_string(r.rating);
+        if (as.profile != 0) extra += ", profile " + std::to_string(as.profile);
+        emit("          [" + std::to_string(i) + "] " + formatAppIds(a.organisation_id, a.app_id) + " " +
+             controlText(a.control_code) + " priority " + std::to_string(a.app_priority) + ", " +
+             transportText(a.transport_protocol->protocol_id) + ", version " + versionText(as.version) +
+             extra + ": " + a.transport_protocol->url);
+    }
+    if (hbb_sim_fire_ait(ait.get()) != 0)
+        fail("the library has not subscribed to AITs (hbb_sim_fire_ait found no callback)");
+    libraryDone();
+}
+
+void Run::network(const Step& st) {
+    const int status = std::stoi(st.args.at(0));
+    const char* name = status == 0 ? " (off)" : status == 1 ? " (on)" : status == 2 ? " (checking)" : "";
+    libraryCall("sendNetworkStatus(" + std::to_string(status) + name +
+                ")   [network status notification]");
+    if (hbb_sim_fire_network_status(status) != 0)
+        fail("the library has not registered for the network status");
+    libraryDone();
+}
+
+void Run::channel(const Step& st) {
+    const int pos = s_.channelIndex(st.args.at(0));
+    const ChannelSpec& c = s_.channels[static_cast<std::size_t>(pos)];
+    if (hbb_sim_set_current_channel(pos) != 0) fail("the simulator has no channel " + c.name);
+    emit("receiver  tuned to " + c.name + " " + describeChannel(c));
+    ChannelRecord rec(c, pos);
+    libraryCall("channelChanged(" + describeChannel(c) + ")");
+    channelChanged(&rec.rec);
+    libraryDone();
+}
+
+void Run::wait(const Step& st) {
+    const int ms = std::stoi(st.args.at(0));
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    emit("          (waited " + std::to_string(ms) + " ms)");
+}
+
+void Run::waitFrame(const Step& st) {
+    const int id = std::stoi(st.args.at(0));
+    std::optional<std::vector<std::string>> fields;
+    if (st.tail) fields = splitExpectedFields(expand(*st.tail));
+    const bool ok = frames_.ClaimLog<SeenFrame>::waitFor(
+        [&](const SeenFrame& e) { return e.frame.id == id && (!fields || e.frame.fields == *fields); },
+        kWaitMs);
+    const std::string what = "frame " + std::to_string(id) + " (" + commandName(id) + ")" +
+                             (fields ? " " + fieldList(*fields) : "");
+    if (!ok) {
+        std::string seen;
+        for (const SeenFrame& f : frames_.unclaimed())
+            if (f.frame.id == id) seen += " " + fieldList(f.frame.fields);
+        fail("timed out waiting for " + what +
+             (seen.empty() ? "" : "; unmatched frames " + std::to_string(id) + ":" + seen));
+    }
+    emit("check     " + what + " received");
+}
+
+void Run::browser(const Step& st) {
+    const Connection c = static_cast<Connection>(std::stoi(st.args.at(0)));
+    const std::string raw = expand(st.tail.value_or(""));
+    const std::size_t bar = raw.find('|');
+    const std::string id_text = raw.substr(0, bar);
+    int id = -1;
+    if (!id_text.empty() && id_text.size() < 7 &&
+        id_text.find_first_not_of("0123456789") == std::string::npos)
+        id = std::stoi(id_text);
+    std::optional<std::string> trailing;
+    std::vector<std::string> fields = bar == std::string::npos
+                                          ? std::vector<std::string>{}
+                                          : splitFields(raw.substr(bar + 1), &trailing);
+    emit(trimRight(col(c) + "-> " + (id >= 0 ? idAndName(id, requestName(c, id)) : std::string("raw ")) +
+                   (id >= 0 ? fieldList(fields, trailing) : quoted(raw))));
+    if (!standin_.send(c, raw)) fail(std::string("could not send on ") + connectionName(c));
+    if (c == Connection::DtvPlugins || c == Connection::VodPlugins || c == Connection::Dsmcc) {
+        last_reply_ = standin_.readReply(c, kWaitMs);
+        if (!last_reply_) {
+            emit(col(c) + "<- no reply (" + readStatusName(standin_.lastReadStatus(c)) + ")");
+            return;
+        }
+        std::optional<std::string> rest;
+        std::vector<std::string> rf = splitFields(*last_reply_, &rest);
+        emit(col(c) + "<- reply " + fieldList(rf, rest));
+    }
+}
+
+void Run::expect(const Step& st) {
+    const std::string& what = st.args.at(0);
+    if (what == "running") {
+        std::optional<std::pair<int, int>> ids = runningIds();
+        const std::string got = ids ? formatAppIds(ids->first, ids->second) : "none";
+        const std::string want = st.args.at(1) == "none"
+                                     ? "none"
+                                     : formatAppIds(std::stoi(st.args.at(1)), std::stoi(st.args.at(2)));
+        if (got != want) fail("running application is " + got + ", expected " + want);
+        emit("check     running application: " + got);
+    } else if (what == "decision" || what == "no_decision") {
+        const std::string kind = st.args.at(1);
+        const bool with_ids = st.args.size() == 4;
+        const int org = with_ids ? std::stoi(st.args.at(2)) : -1;
+        const int app = with_ids ? std::stoi(st.args.at(3)) : -1;
+        auto match = [&](const Decision& d) {
+            return d.kind == kind && (!with_ids || (d.org == org && d.app == app));
+        };
+        const std::string want = kind + (with_ids ? " " + formatAppIds(org, app) : "");
+        if (what == "decision") {
+            if (!decisions_.waitFor(match, kWaitMs)) {
+                std::string seen;
+                for (const Decision& d : decisions_.unclaimed())
+                    seen += (seen.empty() ? "" : ", ") + describe(d);
+                fail("no decision " + want +
+                     " (decisions not yet matched: " + (seen.empty() ? "none" : seen) + ")");
+            }
+            emit("check     decision " + want);
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(kSettleMs));
+            if (std::optional<Decision> d = decisions_.findUnclaimed(match))
+                fail("unexpected decision " + describe(*d) + ": " + d->text);
+            emit("check     no decision " + want);
+        }
+    } else if (what == "no_frame") {
+        const int id = std::stoi(st.args.at(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(kSettleMs));
+        if (std::optional<SeenFrame> f =
+                frames_.findUnclaimed([&](const SeenFrame& e) { return e.frame.id == id; }))
+            fail("unexpected frame " + std::to_string(id) + " (" + commandName(id) + ") " +
+                 fieldList(f->frame.fields));
+        emit("check     no frame " + std::to_string(id) + " (" + commandName(id) + ")");
+    } else if (what == "state") {
+        const int want = std::stoi(st.args.at(1));
+        expectState(want);
+        emit(std::string("check     state ") + stateName(want));
+    } else if (what == "reply") {
+        if (!last_reply_) fail("no reply was received by an earlier browser step");
+        std::optional<std::string> rest;
+        std::vector<std::string> got = splitFields(*last_reply_, &rest);
+        if (rest) got.push_back(*rest);
+        const std::vector<std::string> want = splitExpectedFields(expand(st.tail.value_or("")));
+        if (got != want) fail("reply is " + fieldList(got) + ", expected " + fieldList(want));
+        emit("check     reply " + fieldList(want));
+    }
+}
+
+void Run::close(const Step&) {
+    callLibrary(
+        "applicationManagerClose()", [] { return applicationManagerClose(); }, 1);
+    if (!frames_.waitFor(Connection::Application, 160, nullptr, kWaitMs))
+        fail("timed out waiting for frame 160 (browser close)");
+    expectState(APP_MANAGER_DEINITIALIZED);
+    closed_ = true;
+    stop_readers_.store(true);
+    for (std::thread& t : readers_) t.join();
+    readers_.clear();
+    standin_.disconnectAll();
+}
+
+}  // namespace
+
+void runScenario(const Scenario& s) {
+    // The HTTP responder is local: keep proxies of the environment out of
+    // the library's probes.
+    for (const char* var : {"no_proxy", "NO_PROXY"}) {
+        const char* old = std::getenv(var);
+        std::string v = old && *old ? std::string(old) + ",127.0.0.1" : "127.0.0.1";
+        setenv(var, v.c_str(), 1);
+    }
+    Run run(s);
+    g_run = &run;
+    // The library's log feeds the decisions; it is printed only with --verbose.
+    hbb_sim_set_log_level(2);
+    hbb_sim_set_log_stderr(0);
+    hbb_sim_set_log_hook(logHook, nullptr);
+    run.execute();
+    hbb_sim_set_log_hook(nullptr, nullptr);
+    g_run = nullptr;
+}
+
+}  // namespace appmgr::emu
