@@ -2,7 +2,7 @@
 # Installs the Debian 12 packages the build needs, when any is missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config libcurl4-openssl-dev libxml2-dev
-          libgtest-dev libgmock-dev binutils)
+          libgtest-dev libgmock-dev binutils openssl)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
