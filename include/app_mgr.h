@@ -93,8 +93,41 @@ APPMGR_API void application_manager_register(application_mngr_callback start,
                                              application_mngr_callback stop);
 APPMGR_API int application_manager_cmd_start(void);
 APPMGR_API int application_manager_cmd_stop(void);
+/* Tells the browser that memory runs low (only while active). */
+APPMGR_API void memoryLow(void);
+/* Hands a stream event (location, event texts) to the browser. */
+APPMGR_API void dispatchStreamEvent(char* location, StreamEvent* event);
+/* The middleware's display mode changed; the value passes through. */
+APPMGR_API void displayModeChanged(int newMode);
 
-/* ---- key sets ----------------------------------------------------------- */
+/* ---- the middleware's own menus ------------------------------------------ */
+
+/* 1 switches the signalled digital teletext application on, 0 off. */
+APPMGR_API int toggleTeletextApplication(int state);
+/* Opens a broadcaster portal (player page, XML AIT or plain URL) / closes it. */
+APPMGR_API int openWebPortal(char* webPortalURL);
+APPMGR_API int closeWebPortal(void);
+/* 1 when the URL answers (HEAD probe; portal origins are not probed). */
+APPMGR_API int Hbbtv_AM_Probe_Url(char* pUrl);
+/* Starts a URL from a menu; only eLaunchFormBroadcastApp launches. */
+APPMGR_API int Hbbtv_AM_Launch_Application(eLaunchType eType, char* pUrl);
+
+/* Browser settings passed through. The add-on also sets the terminal's
+ * HbbTV version from its "HbbTV/x.y.z " part. */
+APPMGR_API void configureUserAgentAddon(char* userAgentAddOn);
+APPMGR_API void configureCookies(int enableCookies);
+APPMGR_API void configureDNT(int state);
+APPMGR_API void configureAcceptLanguage(char* acceptLanguage);
+/* Screen-saver state: decides the page-transparency check. */
+APPMGR_API void signalStatusNotification(int saver);
+
+/* ---- key sets -----------------------------------------------------------
+ * Sets the key groups (OIPF KeySet bits, 0 to 0x7FF) the running application
+ * receives and tells the browser and the platform. Without an otherKeys list
+ * the "other keys" group (0x400) is dropped; until the application is
+ * activated only the colour and navigation keys (0x1F) pass. Returns the mask
+ * now in force, 0 for a mask out of range, and 1 (nothing done) unless the
+ * manager is initialised or a portal is shown. The list is not read. */
 
 APPMGR_API int setKeySet(int value, int* otherKeys);
 

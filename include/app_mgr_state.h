@@ -8,6 +8,7 @@
 #include <semaphore.h>
 
 #include "app_mgr_export.h"
+#include "app_mgr_platform_types.h"
 #include "app_mgr_types.h"
 
 APPMGR_BEGIN_DECLS
@@ -56,6 +57,9 @@ APPMGR_API extern int teminal_version_micro;
 APPMGR_API extern application_mngr_callback_item_t s_application_mngr_callback;
 /* one byte per entry of the current AIT: 1 = may be started */
 APPMGR_API extern unsigned char* application_vadility_flags;
+
+/* display window saved when the portal opened */
+APPMGR_API extern fpi_zoom_setting_window_t nZoomdisplayWindow;
 
 /* serialises every command sent to the browser */
 APPMGR_API extern pthread_mutex_t sendmsg_mutex;

@@ -1,5 +1,7 @@
 // Start and stop of applications: the middleware's start/stop callbacks,
-// create, destroy, kill, show/hide and the running-application record.
+// create (probing broadband URLs, checking carousel entries), destroy, kill,
+// load-error recovery, show/hide, the running-application record and the
+// one-line notifications to the browser.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +13,8 @@
 #include "common/log.h"
 #include "core/core_internal.h"
 #include "hbb_platform.h"
+#include "hbbtv_externals/hbbtvDSMCCExternals.h"
+#include "xml/xml_ait_internal.h"
 
 namespace {
 
@@ -57,7 +61,21 @@ bool set_running_url(const char* url) {
     return true;
 }
 
+// Broadcaster portal pages are started without a probe: their servers are
+// known to answer and probing them would only delay the red-button page.
+constexpr const char* kPortalOrigins[] = {
+    "http://www.live.bbctvapps.co.uk/",  "https://www.live.bbctvapps.co.uk/",
+    "http://www.test.bbctvapps.co.uk/",  "https://www.test.bbctvapps.co.uk/",
+};
+
 }  // namespace
+
+extern "C" int is_portal_origin(const char* url) {
+    if (url == nullptr) return 0;
+    for (const char* origin : kPortalOrigins)
+        if (std::strncmp(url, origin, std::strlen(origin)) == 0) return 1;
+    return 0;
+}
 
 extern "C" {
 
@@ -114,25 +132,38 @@ APPMGR_API int application_manager_cmd_stop(void) {
     return 1;
 }
 
-// Starts an application from a URL. Broadband probing and the carousel
-// check are not wired in yet: HTTP, file and dvb: URLs are handed to the
-// middleware's start callback directly.
 int application_create(char* param_url) {
     if (param_url == nullptr) {
         AM_ERROR("param_url is NULL\n");
         return 0;
     }
+    // Longer URLs are cut to 1023 characters; every later step uses the copy.
     char url[1024];
     copy_text(url, sizeof(url), param_url);
     AM_INFO("int application_create(%s) CALLED!\n", url);
-    switch (check_url_type(url)) {
+    const int type = check_url_type(url);
+    switch (type) {
         case HTTP_URL:
         case FILE_URL:
             AM_INFO("Http or file protocol found!\n");
-            if (check_url_type(url) == HTTP_URL && network_status == NETWORK_CHECKING) {
-                AM_INFO("network_status:%d is checking, hold Http App util network ok\n",
-                        static_cast<int>(network_status));
-                return 0;
+            if (type == HTTP_URL) {
+                if (network_status == NETWORK_CHECKING) {
+                    // Held until the network state is known; the autostart
+                    // runs again then.
+                    AM_INFO("network_status:%d is checking, hold Http App util network ok\n",
+                            static_cast<int>(network_status));
+                    return 0;
+                }
+                if (is_portal_origin(url) || is_portal_mode == 1) {
+                    AM_INFO("application_create is in bbc RB+ , do not probe ,url:[%s]\n\n", url);
+                } else {
+                    AM_INFO("Detected Http App\n");
+                    if (probe_http_app(url) == 0) {
+                        AM_INFO(" Http App probing failed !!!\n");
+                        handle_application_load_error(url);
+                        return 0;
+                    }
+                }
             }
             copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), url);
             application_manager_request_start();
@@ -147,6 +178,18 @@ int application_create(char* param_url) {
             return 1;
         case DVB_URL:
             AM_INFO("Mounting carousel for url:[%s]\n", url);
+            switch (hbbCheckDSMCCExist(url)) {
+                case eHBBTV_FS_CHECK_BREAK_TYPE:
+                    AM_INFO("hbbCheckDSMCCEntryType break\n\n");
+                    return 0;
+                case eHBBTV_FS_CHECK_INVALID_TYPE:
+                    AM_INFO("hbbCheckDSMCCEntryType failed\n\n");
+                    if (!is_portal_mode) handle_application_load_error(url);
+                    return 0;
+                default:
+                    break;
+            }
+            AM_INFO("Mounting carousel successful.url:[%s]\n\n", url);
             if (is_portal_mode) return 0;
             copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), url);
             application_manager_request_start();
@@ -155,6 +198,7 @@ int application_create(char* param_url) {
         case DVB_CURRENT_URL: {
             AM_INFO("DVB_CURRENT_URL found!\n");
             int found = find_app_from_ait(url);
+            if (found == 0) handle_application_load_error(url);
             return found;
         }
         default:
@@ -178,6 +222,71 @@ int application_create(char* param_url) {
     std::snprintf(full, sizeof(full), "%s%s", base.c_str(), url);
     AM_INFO("Full URL: %s\n", full);
     return handle_url(full);
+}
+
+void handle_application_load_error(char* app_url) {
+    AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);
+    if (app_url == nullptr) return;
+    if (is_portal_mode) {
+        AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);
+        copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), app_url);
+        application_manager_request_start();
+        if (running_application_type == BROADCAST_INDEPENDENT) {
+            hbbStopChannel();
+            current_broadcast_state = VBOS_STOPPED;
+        }
+        loaded_application[0] = '\0';
+        application_show(0);
+        return;
+    }
+    // The failed entry is not tried again until the next accepted table.
+    const int index = find_application_index(app_url);
+    if (index >= 0 && application_vadility_flags != nullptr) application_vadility_flags[index] = 0;
+    if (running_application == nullptr) {
+        AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);
+        find_autostart_app(current_ait.apps, current_ait.app_lenght);
+        if (autostart_app == nullptr) return;
+        running_application_type = BROADCAST_RELATED;
+        char no_boundary[] = "no boundary";
+        send_command(59, autostart_app->app_boundary != nullptr ? autostart_app->app_boundary
+                                                               : no_boundary);
+        if (autostart_app->transport_protocol != nullptr &&
+            application_create(autostart_app->transport_protocol->url))
+            update_running_application(autostart_app);
+        return;
+    }
+    AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);
+    if (index >= 0) {
+        // Another transport of the same application may still be taken.
+        URIInfo info{};
+        info.org_id = current_ait.apps[index].organisation_id;
+        info.app_id = current_ait.apps[index].app_id;
+        if (load_app_from_current_ait(info)) return;
+    }
+    application_load_error();
+}
+
+void application_load_error(void) { send_command(68, nullptr); }
+
+int restartApplication(void) {
+    AitGuardScope guard;
+    if (!guard.locked()) return 0;
+    AM_INFO(" Now retart Application\n\n");
+    return applicationManagerRestart();
+}
+
+APPMGR_API void memoryLow(void) {
+    if (appmgr::library_state() == APP_MANAGER_INITIALIZED) send_command(65, nullptr);
+}
+
+APPMGR_API void dispatchStreamEvent(char* location, StreamEvent* event) {
+    StreamEventCallbackData data{location, event};
+    send_command(66, &data);
+}
+
+APPMGR_API void displayModeChanged(int newMode) {
+    AM_INFO("Display mode changed..\n");
+    send_command(81, &newMode);
 }
 
 void application_destroy(int orgid, int appid) {

@@ -33,6 +33,11 @@ void application_hide(int is_css);
 void setApplicationActivate(unsigned int bIsActivate);
 void setCheckPageTransparent(int mode);
 void tune_to_current_channel(void);
+void handle_application_load_error(char* app_url);
+void application_load_error(void);
+int restartApplication(void);
+// 1 when the URL begins with one of the broadcaster portal origins.
+int is_portal_origin(const char* url);
 
 // URLs.
 int check_url_type(char* url);
@@ -63,6 +68,14 @@ int check_version(int version);
 void aitUpdateInfo(AitTable* ait);
 void displayApplicationInfo(Application* app);
 void displayTransportProtocolDescriptorInfo(transport_protocol_descriptor* tpd);
+
+// Teletext, portal and notifications.
+int hasTeletextApplication(void);
+int find_teletext_application_index(void);
+int openWebPortalFailed(void);
+int send_curr_epg_update_msg(void);
+int delete_all_fsa_file(void);
+int get_free_mem(void);
 
 // Key sets: the mask now in force.
 int current_key_set_value(void);

@@ -7,6 +7,7 @@
 #include "common/atomic_state.h"
 #include "common/log.h"
 #include "core/core_internal.h"
+#include "dsmcc/DSMCCUtils.h"
 #include "hbb_platform.h"
 
 extern "C" {
@@ -93,12 +94,13 @@ int check_support_version(int app_profile, int version_major, int version_minor,
 
 extern "C" {
 
-// A carousel module changed. Unmounting on a directory reference comes with
-// the carousel mounting code; until then the browser is only told.
+// A carousel module changed: a changed directory reference unmounts the
+// carousel; the browser is told the module id either way.
 APPMGR_API void send_dsmcc_module_date_update_msg(unsigned short nModuleID,
                                                   unsigned char bIsDirRef, void* pData) {
     AM_INFO("send_dsmcc_module_date_update_msg nModuleID = %u, bIsDirRef = %u, pData = %p\n",
             static_cast<unsigned>(nModuleID), static_cast<unsigned>(bIsDirRef), pData);
+    if (bIsDirRef == 1) hbbUnmountCarousel();
     // Command 27 carries an int; the 16-bit id is widened first rather than
     // read through a pointer of the wrong size.
     int module_id = nModuleID;

@@ -42,6 +42,8 @@ protected:
         ASSERT_EQ(startWithBrowser(), 1);
         ASSERT_EQ(applicationManagerInit(), 1);
         application_manager_register(on_start, on_stop);
+        serveCarousel(1, {"app1/index.html", "app2/index.html", "app3/index.html",
+                          "app/index.html"});
     }
     void deliver(OwnedAit& ait) { ASSERT_EQ(hbb_sim_fire_ait(ait.get()), 0); }
     std::string body() { return nextFrame(Connection::Application).body; }
@@ -183,12 +185,14 @@ TEST_F(AitIntakeTest, TablesBeforeActivationBecomeCurrentButStartNothing) {
 }
 
 TEST_F(AitIntakeTest, HttpAutostartWaitsForTheNetwork) {
-    OwnedAit ait(16, "dvb://1.2.3", {http_app(7, 8, "http://host.example/app/index.html")});
+    // A broadcaster portal origin: started without a probe.
+    const std::string url = "http://www.live.bbctvapps.co.uk/app/index.html";
+    OwnedAit ait(16, "dvb://1.2.3", {http_app(7, 8, url)});
     deliver(ait);
     EXPECT_EQ(running_application, nullptr);  // network off
     ASSERT_EQ(hbb_sim_fire_network_status(NETWORK_ON), 0);
     EXPECT_EQ(body(), "59|no boundary|");
-    EXPECT_EQ(body(), "50|http://host.example/app/index.html|");
+    EXPECT_EQ(body(), "50|" + url + "|");
     ASSERT_NE(running_application, nullptr);
     EXPECT_EQ(running_application->app_id, 8);
 }

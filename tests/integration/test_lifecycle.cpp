@@ -122,6 +122,8 @@ TEST_F(LifecycleTest, DeinitSuspendsAndHidesThePage) {
     ASSERT_EQ(applicationManagerInit(), 1);
     ASSERT_EQ(applicationManagerDeInit(), 1);
     EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
+    // The key set is cleared first, then the page is hidden.
+    EXPECT_EQ(nextFrame(Connection::Application).body, "220|0|");
     EXPECT_EQ(nextFrame(Connection::Application).body, "54|(null)|");
     EXPECT_EQ(is_deinit, 0);
 }

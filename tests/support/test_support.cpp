@@ -114,6 +114,9 @@ int LibraryTest::startWithBrowser() {
         ADD_FAILURE() << "applicationManagerInit did not return";
         return -1;
     }
+    // The browser's connects complete before the server threads accept;
+    // commands on a connection work once it has logged the accept.
+    EXPECT_TRUE(log_.waitForCount("server_task() - connected", MNG_CONNECTION_TYPE_SIZE, 5000));
     return init.get();
 }
 
@@ -125,6 +128,23 @@ void LibraryTest::startMessagingOnly() {
     // A client's connect completes before the server thread has accepted;
     // sends work only once all five have logged the accepted connection.
     ASSERT_TRUE(log_.waitForCount("server_task() - connected", MNG_CONNECTION_TYPE_SIZE, 5000));
+}
+
+std::string LibraryTest::serveCarousel(int component_tag, const std::vector<std::string>& files) {
+    std::string root = dir_.path() + "carousel" + std::to_string(component_tag) + "/";
+    for (const auto& f : files) {
+        std::filesystem::path path(root + f);
+        std::filesystem::create_directories(path.parent_path());
+        FILE* out = std::fopen(path.c_str(), "w");
+        if (out == nullptr) {
+            ADD_FAILURE() << "cannot create " << path;
+            continue;
+        }
+        std::fprintf(out, "<html><body>%s</body></html>\n", f.c_str());
+        std::fclose(out);
+    }
+    EXPECT_EQ(hbb_sim_set_carousel(component_tag, root.c_str()), 0);
+    return root;
 }
 
 standin::Frame LibraryTest::nextFrame(Connection c, int timeout_ms) {

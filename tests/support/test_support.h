@@ -74,6 +74,10 @@ protected:
     // Brings only the five connections up (no lifecycle), stand-in connected.
     void startMessagingOnly();
 
+    // Serves a directory under the test's temp dir as the object carousel of
+    // a component tag, with the given files (relative paths) in it.
+    std::string serveCarousel(int component_tag, const std::vector<std::string>& files);
+
     // Next frame on a connection, failing the test on time-out.
     standin::Frame nextFrame(Connection c, int timeout_ms = 3000);
 

@@ -1,0 +1,260 @@
+// Application start and stop around the running record: destroy, show and
+// hide, teletext, portal, launch, the browser's page events and the
+// settings passed to the browser.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+
+#include "ait_builder.h"
+#include "app_mgr.h"
+#include "app_mgr_state.h"
+#include "core/core_internal.h"
+#include "hbb_sim.h"
+#include "test_support.h"
+
+using namespace appmgr::test;
+
+namespace {
+
+std::atomic<int> g_starts{0};
+std::atomic<int> g_stops{0};
+int on_start() {
+    ++g_starts;
+    return application_manager_cmd_start();
+}
+int on_stop() {
+    ++g_stops;
+    return 1;
+}
+
+// The media-delivery service is replaced for these tests: URLs containing
+// "player" are served by a player page.
+}  // namespace
+
+extern "C" int tvh_mds_get_player_url(const char* location, char* playerUrl, int playerUrlSize) {
+    if (location == nullptr || std::strstr(location, "player") == nullptr) return -1;
+    std::snprintf(playerUrl, static_cast<size_t>(playerUrlSize), "http://player.example/play?src=%s",
+                  location);
+    return 0;
+}
+
+namespace {
+
+class AppLifecycleTest : public LibraryTest {
+protected:
+    void SetUp() override {
+        LibraryTest::SetUp();
+        g_starts = 0;
+        g_stops = 0;
+        teminal_version_major = 1;
+        teminal_version_minor = 7;
+        teminal_version_micro = 1;
+        ASSERT_EQ(startWithBrowser(), 1);
+        ASSERT_EQ(applicationManagerInit(), 1);
+        application_manager_register(on_start, on_stop);
+        serveCarousel(1, {"index.html", "ttx1/index.html", "ttx3/index.html"});
+    }
+    std::string body(Connection c = Connection::Application) { return nextFrame(c).body; }
+    // Skips frames until one with the given id arrives.
+    std::string bodyOf(int id) {
+        for (int i = 0; i < 20; ++i) {
+            auto f = nextFrame(Connection::Application);
+            if (f.id == id) return f.body;
+            if (f.id < 0) break;
+        }
+        return "";
+    }
+    void deliver(OwnedAit& ait) { ASSERT_EQ(hbb_sim_fire_ait(ait.get()), 0); }
+    void send(const std::string& msg) { ASSERT_TRUE(browser_.send(Connection::Application, msg)); }
+};
+
+AppSpec teletext(int app, int priority, int protocol = 1) {
+    AppSpec s;
+    s.app = app;
+    s.control = PRESENT;
+    s.usage = 1;
+    s.priority = priority;
+    s.protocol = protocol;
+    s.url = protocol == 3 ? "http://ttx.example/" + std::to_string(app) + "/"
+                          : "dvb://1.2.3.1/ttx" + std::to_string(app) + "/index.html";
+    return s;
+}
+
+}  // namespace
+
+TEST_F(AppLifecycleTest, DestroyNeedsMatchingIdsButAlwaysDeactivates) {
+    AppSpec a;
+    a.control = PRESENT;
+    OwnedAit ait(16, "dvb://1.2.3", {a});
+    update_running_application(&ait->apps[0]);
+    EXPECT_EQ(bIsApplicationActivated, 1u);  // PRESENT activates
+    application_destroy(a.org, a.app + 1);
+    EXPECT_NE(running_application, nullptr);
+    EXPECT_EQ(bIsApplicationActivated, 0u);
+    EXPECT_TRUE(log_.contains("Ignoring destroy command"));
+    application_destroy(a.org, a.app);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(hbb_sim_display_mode(), 0);
+}
+
+TEST_F(AppLifecycleTest, ShowAndHideRespectFullScreenVideo) {
+    application_show(0);
+    EXPECT_EQ(bodyOf(53), "53|(null)|");
+    EXPECT_EQ(is_app_visible, 1);
+    EXPECT_EQ(hbb_sim_display_state(), EN_HBB_FULLSCREEN_NO_VOD);
+    application_hide(0);
+    EXPECT_EQ(bodyOf(54), "54|(null)|");
+    EXPECT_EQ(body(), "402|0|");
+    EXPECT_EQ(is_app_visible, 0);
+    EXPECT_EQ(hbb_sim_display_state(), EN_HBB_RED_BUTTON);
+
+    hbbStateChange(EN_HBB_FULLSCREEN_VOD);
+    application_show(0);
+    application_hide(0);
+    EXPECT_EQ(hbb_sim_display_state(), EN_HBB_FULLSCREEN_VOD);
+    EXPECT_EQ(is_app_visible, 0);
+    // Nothing reached the browser: the next frame is this marker.
+    setTimeZone(0, 0, 0);
+    EXPECT_EQ(body(), "141|UTC+00:00:00|");
+
+    // Display-state only requests do not touch the page.
+    hbbStateChange(EN_HBB_OFF);
+    application_show(1);
+    EXPECT_EQ(hbb_sim_display_state(), EN_HBB_FULLSCREEN_NO_VOD);
+    EXPECT_EQ(is_app_visible, 0);
+}
+
+TEST_F(AppLifecycleTest, TeletextTogglesByPriority) {
+    OwnedAit ait(16, "dvb://1.2.3", {teletext(1, 3), teletext(2, 8, 3), teletext(3, 5)});
+    deliver(ait);
+    ASSERT_EQ(has_teletext_application, 1);
+    // Network off: the HTTP teletext entry (priority 8) is skipped.
+    EXPECT_EQ(find_teletext_application_index(), 2);
+    ASSERT_EQ(toggleTeletextApplication(1), 1);
+    EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/ttx3/index.html|");
+    ASSERT_NE(running_application, nullptr);
+    EXPECT_EQ(running_application->app_id, 3);
+    EXPECT_EQ(toggleTeletextApplication(1), 1);  // already running
+    EXPECT_EQ(g_starts, 1);
+    EXPECT_EQ(toggleTeletextApplication(7), 0);
+    EXPECT_EQ(toggleTeletextApplication(0), 1);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(toggleTeletextApplication(0), 1);  // nothing to switch off
+
+    OwnedAit none(16, "dvb://1.2.3", {AppSpec{}});
+    deliver(none);
+    EXPECT_EQ(toggleTeletextApplication(1), 0);
+}
+
+TEST_F(AppLifecycleTest, PortalThroughAPlayerPageAndClose) {
+    char portal[] = "http://portal.example/player/home";
+    ASSERT_EQ(openWebPortal(portal), 1);
+    EXPECT_EQ(is_portal_mode, 1);
+    // In portal mode the start URL goes out as command 140 (from the
+    // middleware's start callback), then the boundary.
+    EXPECT_EQ(bodyOf(140), "140|http://player.example/play?src=http://portal.example/player/home|");
+    EXPECT_EQ(body(), "59|no boundary|");
+    ASSERT_NE(running_application, nullptr);
+    EXPECT_EQ(running_application->organisation_id, -1);
+    EXPECT_EQ(current_broadcast_state, VBOS_STOPPED);
+    EXPECT_EQ(hasApplicationRuning(), 1);
+
+    ASSERT_EQ(closeWebPortal(), 1);
+    EXPECT_EQ(is_portal_mode, 0);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(current_broadcast_state, VBOS_PRESENTING);
+    EXPECT_EQ(hbb_sim_call_count("hbbSetChannel"), 1);  // re-tuned
+    EXPECT_EQ(hbb_sim_call_count("hbbWaitingVodDecoderRelease"), 1);
+    EXPECT_EQ(g_stops, 1);
+}
+
+TEST_F(AppLifecycleTest, PortalThroughAPlainUrlIsNotProbed) {
+    char portal[] = "http://portal.example/home.html";
+    ASSERT_EQ(openWebPortal(portal), 1);
+    EXPECT_EQ(bodyOf(140), "140|http://portal.example/home.html|");
+    EXPECT_EQ(running_application_type, BROADCAST_INDEPENDENT);
+    EXPECT_FALSE(log_.contains("Detected Http App"));
+    // A load failure in portal mode shows the portal error page.
+    send("88|");
+    EXPECT_EQ(bodyOf(140), "140|file:///system/hbbtv/config/invaild_url.html|");
+    EXPECT_EQ(openWebPortal(nullptr), 0);
+}
+
+TEST_F(AppLifecycleTest, LaunchTypes) {
+    char url[] = "http://launch.example/app.html";
+    is_portal_mode = 1;
+    EXPECT_EQ(Hbbtv_AM_Launch_Application(eLaunchFormEpg, url), 0);
+    EXPECT_EQ(is_portal_mode, 0);
+    EXPECT_EQ(Hbbtv_AM_Launch_Application(static_cast<eLaunchType>(10), url), 0);
+    EXPECT_EQ(Hbbtv_AM_Launch_Application(eLaunchFormBroadcastApp, nullptr), 0);
+    char dvb[] = "dvb://1.2.3.1/index.html";
+    EXPECT_EQ(Hbbtv_AM_Launch_Application(eLaunchFormBroadcastApp, dvb), 0);
+    EXPECT_EQ(g_starts, 0);
+}
+
+TEST_F(AppLifecycleTest, PageEventsFromTheBrowser) {
+    send("82|http://host.example/dir/page.html|");
+    ASSERT_TRUE(log_.waitFor("page http://host.example/dir/page.html is loaded...", 3000));
+    EXPECT_STREQ(loaded_application, "http://host.example/dir/page.html");
+
+    send("89|1|");
+    ASSERT_TRUE(log_.waitFor("application hidden... is_css = 1", 3000));
+    EXPECT_EQ(hbb_sim_display_state(), EN_HBB_RED_BUTTON);
+    send("89|0|");
+    ASSERT_TRUE(log_.waitFor("application_show ,is_css = 1", 3000));
+
+    AppSpec a;
+    a.url = "dvb://1.2.3.1/index.html";
+    OwnedAit ait(16, "dvb://1.2.3", {a});
+    deliver(ait);
+    ASSERT_NE(running_application, nullptr);
+    EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
+    send("51|");
+    // Destroyed, then the autostart of the current table runs again.
+    EXPECT_EQ(bodyOf(51), "51|");
+    EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
+    EXPECT_EQ(g_starts, 2);
+    EXPECT_TRUE(log_.contains("CMD_DESTROY_APPLICATION come from hbbtv-web-brower"));
+}
+
+TEST_F(AppLifecycleTest, SettingsAndNotifications) {
+    char ua[] = "Mozilla/5.0 HbbTV/1.4.1 (; Vendor; Model; 1.0; ;)";
+    configureUserAgentAddon(ua);
+    EXPECT_EQ(body(), std::string("24|") + ua + "|");
+    EXPECT_EQ(teminal_version_major, 1);
+    EXPECT_EQ(teminal_version_minor, 4);
+    EXPECT_EQ(teminal_version_micro, 1);
+    char too_short[] = "Mozilla/5.0 HbbTV/2.0.3";
+    configureUserAgentAddon(too_short);
+    EXPECT_EQ(teminal_version_minor, 4);  // one character short: unchanged
+    body();
+    configureCookies(1);
+    EXPECT_EQ(body(), "26|1|");
+    configureDNT(0);
+    EXPECT_EQ(body(), "400|0|");
+    char lang[] = "fr-FR,fr;q=0.9";
+    configureAcceptLanguage(lang);
+    EXPECT_EQ(body(), "25|fr-FR,fr;q=0.9|");
+    displayModeChanged(2);
+    EXPECT_EQ(body(), "81|2|");
+    memoryLow();
+    EXPECT_EQ(body(Connection::Callbacks), "65|");
+    EXPECT_EQ(send_curr_epg_update_msg(), 1);
+    EXPECT_EQ(body(Connection::Callbacks), "161|");
+}
+
+TEST_F(AppLifecycleTest, NetworkStatusTransitions) {
+    EXPECT_EQ(sendNetworkStatus(3), 0);
+    EXPECT_EQ(network_status, NETWORK_OFF);
+    EXPECT_EQ(sendNetworkStatus(0), 0);
+    EXPECT_TRUE(log_.contains("Same status received, ignoring..."));
+    char url[] = "http://host.example/app.html";
+    update_running_application_as_independent(url);
+    EXPECT_EQ(sendNetworkStatus(1), 1);
+    EXPECT_EQ(sendNetworkStatus(0), 1);
+    EXPECT_TRUE(log_.contains("There is running http application,but we not stop it"));
+    EXPECT_NE(running_application, nullptr);
+}
