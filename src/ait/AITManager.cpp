@@ -67,24 +67,9 @@ void init_current_ait(void) {
 
 void clear_current_ait(void) {
     std::memset(current_ait.dvb_url, 0, sizeof(current_ait.dvb_url));
-    for (int i = 0; current_ait.apps != nullptr && i < current_ait.app_lenght; ++i) {
-        Application& app = current_ait.apps[i];
-        if (app.transport_protocol != nullptr) {
-            std::free(app.transport_protocol->url);
-            std::free(app.transport_protocol);
-            app.transport_protocol = nullptr;
-        }
-        std::free(app.app_name);
-        app.app_name = nullptr;
-        // The current AIT owns its deep copies of boundary and type too;
-        // releasing them here changes nothing a caller can see.
-        std::free(app.app_boundary);
-        app.app_boundary = nullptr;
-        std::free(app.app_type);
-        app.app_type = nullptr;
-        std::free(app.app_parental.parental);
-        app.app_parental.parental = nullptr;
-    }
+    // The current AIT owns its deep copies, boundary and type included.
+    for (int i = 0; current_ait.apps != nullptr && i < current_ait.app_lenght; ++i)
+        appmgr::records::release_application_fields(current_ait.apps[i]);
     std::free(current_ait.apps);
     std::free(current_ait.CRC);
     current_ait.CRC_count = 0;
@@ -173,21 +158,8 @@ void update_current_ait(AitTable* ait) {
     for (int i = 0; i < count; ++i) {
         const Application& src = ait->apps[i];
         Application& dst = current_ait.apps[i];
-        dst.organisation_id = src.organisation_id;
-        dst.app_id = src.app_id;
-        dst.control_code = src.control_code;
-        dst.app_profile = src.app_profile;
-        dst.version_major = src.version_major;
-        dst.version_minor = src.version_minor;
-        dst.version_micro = src.version_micro;
-        dst.is_service_bound = src.is_service_bound;
-        dst.visibility = src.visibility;
-        dst.app_priority = src.app_priority;
-        dst.app_usage_type = src.app_usage_type;
-        dst.is_IP_connect_require = src.is_IP_connect_require;
-        if (src.app_usage_type == 1) {
-            has_teletext_application = 1;
-        }
+        appmgr::records::copy_application_numbers(src, dst);
+        if (src.app_usage_type == 1) has_teletext_application = 1;
         dst.app_name = src.app_name != nullptr ? strdup(src.app_name) : nullptr;
         if (src.app_boundary != nullptr && src.app_boundary[0] != '\0')
             dst.app_boundary = strdup(src.app_boundary);

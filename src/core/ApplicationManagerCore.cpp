@@ -198,19 +198,19 @@ public:
 }  // namespace
 
 extern "C" APPMGR_API int send_command(int commandID, void* param) {
-    const CommandSpec* spec = find_command(commandID);
-    if (spec == nullptr) {
+    const CommandSpec* entry = find_command(commandID);
+    if (entry == nullptr) {
         AM_ERROR("Type NOT implemented: %d", commandID);
         return 0;
     }
-    if (spec->name != nullptr) AM_INFO("Sending message: %s", spec->name);
+    if (entry->name != nullptr) AM_INFO("Sending message: %s", entry->name);
     if (commandID == 60) AM_INFO("CB_CHANNEL_CHANGED to be sent");
 
     bool sent = false;
     {
         SendLock lock;
         Body body(commandID);
-        if (!add_fields(body, spec->param, param)) {
+        if (!add_fields(body, entry->param, param)) {
             AM_ERROR("send_command(%d): missing parameter record", commandID);
             return 0;
         }
@@ -222,9 +222,9 @@ extern "C" APPMGR_API int send_command(int commandID, void* param) {
                      commandID, frame.size(), kFrameBufferSize);
             return 0;
         }
-        AM_INFO("Sending to socket:[%d].message:[%s]", static_cast<int>(spec->connection),
+        AM_INFO("Sending to socket:[%d].message:[%s]", static_cast<int>(entry->connection),
                 frame.c_str());
-        sent = tools_msg_send_msg(&gData, spec->connection, frame.data(),
+        sent = tools_msg_send_msg(&gData, entry->connection, frame.data(),
                                   static_cast<unsigned int>(frame.size())) == RET_OK;
     }
     if (commandID == 76) AM_INFO("Sending message CB_APP_TYPE_CHANGED done!");
@@ -234,5 +234,5 @@ extern "C" APPMGR_API int send_command(int commandID, void* param) {
         return 1;
     }
     AM_ERROR("ApplicationManagerCore -> send_message failed ...");
-    return spec->result_ignored ? 1 : 0;
+    return entry->result_ignored ? 1 : 0;
 }

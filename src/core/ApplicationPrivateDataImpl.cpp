@@ -51,6 +51,42 @@ void* zalloc(std::size_t count, std::size_t size) {
 
 }  // namespace
 
+namespace appmgr::records {
+
+void copy_application_numbers(const Application& src, Application& dst) {
+    dst.organisation_id = src.organisation_id;
+    dst.app_id = src.app_id;
+    dst.control_code = src.control_code;
+    dst.app_profile = src.app_profile;
+    dst.version_major = src.version_major;
+    dst.version_minor = src.version_minor;
+    dst.version_micro = src.version_micro;
+    dst.is_service_bound = src.is_service_bound;
+    dst.visibility = src.visibility;
+    dst.app_priority = src.app_priority;
+    dst.app_usage_type = src.app_usage_type;
+    dst.is_IP_connect_require = src.is_IP_connect_require;
+}
+
+void release_application_fields(Application& app) {
+    if (app.transport_protocol != nullptr) {
+        std::free(app.transport_protocol->url);
+        app.transport_protocol->url = nullptr;
+    }
+    std::free(app.transport_protocol);
+    app.transport_protocol = nullptr;
+    std::free(app.app_boundary);
+    app.app_boundary = nullptr;
+    std::free(app.app_name);
+    app.app_name = nullptr;
+    std::free(app.app_type);
+    app.app_type = nullptr;
+    std::free(app.app_parental.parental);
+    app.app_parental.parental = nullptr;
+}
+
+}  // namespace appmgr::records
+
 extern "C" {
 
 Application* allocate_application(unsigned int url_length) {
@@ -118,23 +154,8 @@ AitTable* allocate_ait_table(int num_of_applications, unsigned int url_length) {
 void free_ait_table(AitTable** ait_table) {
     if (ait_table == nullptr || *ait_table == nullptr) return;
     AitTable* t = *ait_table;
-    for (int i = 0; t->apps != nullptr && i < t->app_lenght; ++i) {
-        Application& app = t->apps[i];
-        if (app.transport_protocol != nullptr) {
-            std::free(app.transport_protocol->url);
-            app.transport_protocol->url = nullptr;
-        }
-        std::free(app.transport_protocol);
-        app.transport_protocol = nullptr;
-        std::free(app.app_boundary);
-        app.app_boundary = nullptr;
-        std::free(app.app_name);
-        app.app_name = nullptr;
-        std::free(app.app_type);
-        app.app_type = nullptr;
-        std::free(app.app_parental.parental);
-        app.app_parental.parental = nullptr;
-    }
+    for (int i = 0; t->apps != nullptr && i < t->app_lenght; ++i)
+        appmgr::records::release_application_fields(t->apps[i]);
     std::free(t->apps);
     std::free(t->CRC);
     std::free(t);

@@ -93,3 +93,16 @@ int initializeEPGExternal(void);
 void deinitializeEPGExternal(void);
 
 }
+
+namespace appmgr::records {
+
+// Copies the integer fields of an entry (ids through usage type, and the
+// network requirement); texts, descriptor and ratings are left alone.
+void copy_application_numbers(const Application& src, Application& dst);
+
+// Frees what an entry points to (transport URL and descriptor, boundary,
+// name, type, parental ratings) and nulls the pointers; the entry itself
+// stays.
+void release_application_fields(Application& app);
+
+}  // namespace appmgr::records
