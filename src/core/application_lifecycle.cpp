@@ -376,6 +376,14 @@ void update_running_application_as_independent(char* uri) {
     running_application->is_service_bound = 0;
 }
 
+void application_switch_to_independent(void) {
+    hbbStopChannel();
+    if (is_tessel) clear_current_ait();
+    setApplicationActivate(1);
+    running_application_type = BROADCAST_INDEPENDENT;
+    current_broadcast_state = VBOS_STOPPED;
+}
+
 void tune_to_current_channel(void) {
     Channel* channel = channel_create();
     if (channel == nullptr) return;

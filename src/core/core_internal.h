@@ -33,6 +33,7 @@ void application_hide(int is_css);
 void setApplicationActivate(unsigned int bIsActivate);
 void setCheckPageTransparent(int mode);
 void tune_to_current_channel(void);
+void application_switch_to_independent(void);
 void handle_application_load_error(char* app_url);
 void application_load_error(void);
 int restartApplication(void);

@@ -46,8 +46,8 @@ void dispatch_application(int id, char* rest) {
         case 82: {
             char url[1024];
             next_field(rest, url);
-            AM_INFO("page %s is loaded...", url);
             std::snprintf(loaded_application, sizeof(loaded_application), "%s", url);
+            AM_INFO("page %s is loaded...", url);
             break;
         }
         case 83:

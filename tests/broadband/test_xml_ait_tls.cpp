@@ -83,4 +83,22 @@ TEST_F(XmlAitTlsTest, ServerIsVerifiedAgainstTheCaBundle) {
 }
 
 }  // namespace
+TEST_F(XmlAitTlsTest, PortalOpensThroughAnXmlAit) {
+    OpensslServer server(tls_, docroot_.path(), /*require_client_cert=*/true);
+    ASSERT_TRUE(server.ready()) << server.output();
+    // A plain HTTP(S) location (no ".aitx"): tried as an XML AIT first.
+    std::ifstream in(docroot_.path() + "ait.aitx");
+    std::ofstream(docroot_.path() + "portal.xml") << in.rdbuf();
+    std::string url = server.url("/portal.xml");
+    ASSERT_EQ(openWebPortal(url.data()), 1) << server.output();
+    EXPECT_EQ(is_portal_mode, 1);
+    EXPECT_EQ(current_broadcast_state, VBOS_STOPPED);
+    EXPECT_TRUE(log_.contains("is xml ait file url"));
+    EXPECT_STREQ(hbbtv_start_url, "https://apps.example/tls.html");
+    EXPECT_EQ(starts_.load(), 1);
+    ASSERT_EQ(closeWebPortal(), 1);
+    EXPECT_EQ(is_portal_mode, 0);
+    EXPECT_EQ(running_application, nullptr);
+}
+
 }  // namespace appmgr::test

@@ -258,3 +258,47 @@ TEST_F(AppLifecycleTest, NetworkStatusTransitions) {
     EXPECT_TRUE(log_.contains("There is running http application,but we not stop it"));
     EXPECT_NE(running_application, nullptr);
 }
+
+TEST_F(AppLifecycleTest, LoadErrorMarksTheEntryAndTheNextOneStarts) {
+    AppSpec missing;  // not in the carousel
+    missing.app = 1;
+    missing.priority = 9;
+    missing.url = "dvb://1.2.3.1/missing/index.html";
+    AppSpec present;
+    present.app = 2;
+    present.url = "dvb://1.2.3.1/index.html";
+    OwnedAit ait(16, "dvb://1.2.3", {missing, present});
+    deliver(ait);
+    ASSERT_NE(running_application, nullptr);
+    EXPECT_EQ(running_application->app_id, 2);
+    EXPECT_EQ(application_vadility_flags[0], 0);
+    EXPECT_EQ(application_vadility_flags[1], 1);
+    EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
+    EXPECT_EQ(g_starts, 1);
+
+    // The page then fails in the browser: with nothing else startable the
+    // browser is told the load failed.
+    send("68|");
+    EXPECT_EQ(nextFrame(Connection::Callbacks).body, "68|");
+}
+
+TEST_F(AppLifecycleTest, InterruptedCarouselCheckStartsNothing) {
+    AppSpec a;
+    a.url = "dvb://1.2.3.1/index.html";
+    OwnedAit ait(16, "dvb://1.2.3", {a});
+    hbb_sim_carousel_break_next(4);
+    deliver(ait);
+    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(g_starts, 0);
+    EXPECT_TRUE(log_.contains("hbbCheckDSMCCEntryType break"));
+    // Not a load error: the entry may be tried again.
+    EXPECT_EQ(application_vadility_flags[0], 1);
+}
+
+TEST_F(AppLifecycleTest, SwitchToIndependentStopsTheBroadcast) {
+    application_switch_to_independent();
+    EXPECT_EQ(running_application_type, BROADCAST_INDEPENDENT);
+    EXPECT_EQ(current_broadcast_state, VBOS_STOPPED);
+    EXPECT_EQ(bIsApplicationActivated, 1u);
+    EXPECT_EQ(hbb_sim_call_count("hbbStopChannel"), 1);
+}
