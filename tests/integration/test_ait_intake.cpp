@@ -2,7 +2,6 @@
 // library, with the outcome checked on the wire and in the records.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 
 #include "ait_builder.h"
@@ -16,32 +15,18 @@ using namespace appmgr::test;
 
 namespace {
 
-std::atomic<int> g_starts{0};
-std::atomic<int> g_stops{0};
-
-// The middleware's answer to the start callback: hand the URL to the browser.
-int on_start() {
-    ++g_starts;
-    return application_manager_cmd_start();
-}
-int on_stop() {
-    ++g_stops;
-    return 1;
-}
 
 class AitIntakeTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        g_starts = 0;
-        g_stops = 0;
         teminal_version_major = 1;
         teminal_version_minor = 7;
         teminal_version_micro = 1;
         hbb_sim_set_parental_threshold(18);
         ASSERT_EQ(startWithBrowser(), 1);
         ASSERT_EQ(applicationManagerInit(), 1);
-        application_manager_register(on_start, on_stop);
+        MiddlewareCallbacks::install();
         serveCarousel(1, {"app1/index.html", "app2/index.html", "app3/index.html",
                           "app/index.html"});
     }
@@ -69,7 +54,7 @@ TEST_F(AitIntakeTest, AutostartIsAnnouncedAndStarted) {
     deliver(ait);
     EXPECT_EQ(body(), "59|http://a.example|http://b.example|");
     EXPECT_EQ(body(), "50|dvb://1.2.3.1/app2/index.html|");
-    EXPECT_EQ(g_starts, 1);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
     ASSERT_NE(running_application, nullptr);
     EXPECT_EQ(running_application->app_id, 2);
     EXPECT_STREQ(current_ait.dvb_url, "dvb://1.2.3");
@@ -137,7 +122,7 @@ TEST_F(AitIntakeTest, EmptyTableEndsTheApplicationAndIsReportedRefused) {
     EXPECT_EQ(current_ait.app_lenght, 0);
     EXPECT_EQ(current_ait.apps, nullptr);
     EXPECT_EQ(refusals(), 1);
-    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
 }
 
 TEST_F(AitIntakeTest, KeepOrKillOnANewTable) {
@@ -149,12 +134,12 @@ TEST_F(AitIntakeTest, KeepOrKillOnANewTable) {
     OwnedAit present(16, "dvb://1.2.3", {carousel(1, PRESENT)});
     deliver(present);
     EXPECT_EQ(running_application, before);
-    EXPECT_EQ(g_stops, 0);
+    EXPECT_EQ(MiddlewareCallbacks::stops(), 0);
 
     OwnedAit killed(16, "dvb://1.2.3", {carousel(1, KILL), carousel(2, PRESENT)});
     deliver(killed);
     EXPECT_EQ(running_application, nullptr);
-    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
     EXPECT_EQ(hbb_sim_call_count("hbbBindCurrentChannel"), 1);
     EXPECT_TRUE(log_.contains("kill running application because it is not signaled anymore"));
 }
@@ -166,8 +151,8 @@ TEST_F(AitIntakeTest, TestTableKillsEvenASignalledApplication) {
     test_table->is_test_app = 1;
     deliver(test_table);
     // Killed, then chosen again as the autostart of the same table.
-    EXPECT_EQ(g_stops, 1);
-    EXPECT_EQ(g_starts, 2);
+    EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 2);
     ASSERT_NE(running_application, nullptr);
 }
 
@@ -177,10 +162,10 @@ TEST_F(AitIntakeTest, TablesBeforeActivationBecomeCurrentButStartNothing) {
     deliver(ait);
     EXPECT_EQ(current_ait.app_lenght, 1);
     EXPECT_EQ(running_application, nullptr);
-    EXPECT_EQ(g_starts, 0);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 0);
     // Activation starts the autostart entry of the current table.
     ASSERT_EQ(applicationManagerInit(), 1);
-    EXPECT_EQ(g_starts, 1);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
     ASSERT_NE(running_application, nullptr);
 }
 
@@ -213,7 +198,7 @@ TEST_F(AitIntakeTest, ChannelChangeAppliesServiceBinding) {
     running_application->is_service_bound = 1;
     channelChanged(&ch);
     EXPECT_EQ(running_application, nullptr);
-    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
 }
 
 TEST_F(AitIntakeTest, ChannelChangeKeepsAnIndependentApplicationOnlyAfterItsOwnTune) {

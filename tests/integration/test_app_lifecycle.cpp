@@ -3,7 +3,6 @@
 // settings passed to the browser.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <string>
 
@@ -16,23 +15,8 @@
 
 using namespace appmgr::test;
 
-namespace {
-
-std::atomic<int> g_starts{0};
-std::atomic<int> g_stops{0};
-int on_start() {
-    ++g_starts;
-    return application_manager_cmd_start();
-}
-int on_stop() {
-    ++g_stops;
-    return 1;
-}
-
 // The media-delivery service is replaced for these tests: URLs containing
 // "player" are served by a player page.
-}  // namespace
-
 extern "C" int tvh_mds_get_player_url(const char* location, char* playerUrl, int playerUrlSize) {
     if (location == nullptr || std::strstr(location, "player") == nullptr) return -1;
     std::snprintf(playerUrl, static_cast<size_t>(playerUrlSize), "http://player.example/play?src=%s",
@@ -46,14 +30,12 @@ class AppLifecycleTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        g_starts = 0;
-        g_stops = 0;
         teminal_version_major = 1;
         teminal_version_minor = 7;
         teminal_version_micro = 1;
         ASSERT_EQ(startWithBrowser(), 1);
         ASSERT_EQ(applicationManagerInit(), 1);
-        application_manager_register(on_start, on_stop);
+        MiddlewareCallbacks::install();
         serveCarousel(1, {"index.html", "ttx1/index.html", "ttx3/index.html"});
     }
     std::string body(Connection c = Connection::Application) { return nextFrame(c).body; }
@@ -96,7 +78,7 @@ TEST_F(AppLifecycleTest, DestroyNeedsMatchingIdsButAlwaysDeactivates) {
     EXPECT_TRUE(log_.contains("Ignoring destroy command"));
     application_destroy(a.org, a.app);
     EXPECT_EQ(running_application, nullptr);
-    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
     EXPECT_EQ(hbb_sim_display_mode(), 0);
 }
 
@@ -138,7 +120,7 @@ TEST_F(AppLifecycleTest, TeletextTogglesByPriority) {
     ASSERT_NE(running_application, nullptr);
     EXPECT_EQ(running_application->app_id, 3);
     EXPECT_EQ(toggleTeletextApplication(1), 1);  // already running
-    EXPECT_EQ(g_starts, 1);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
     EXPECT_EQ(toggleTeletextApplication(7), 0);
     EXPECT_EQ(toggleTeletextApplication(0), 1);
     EXPECT_EQ(running_application, nullptr);
@@ -168,7 +150,7 @@ TEST_F(AppLifecycleTest, PortalThroughAPlayerPageAndClose) {
     EXPECT_EQ(current_broadcast_state, VBOS_PRESENTING);
     EXPECT_EQ(hbb_sim_call_count("hbbSetChannel"), 1);  // re-tuned
     EXPECT_EQ(hbb_sim_call_count("hbbWaitingVodDecoderRelease"), 1);
-    EXPECT_EQ(g_stops, 1);
+    EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
 }
 
 TEST_F(AppLifecycleTest, PortalThroughAPlainUrlIsNotProbed) {
@@ -192,7 +174,7 @@ TEST_F(AppLifecycleTest, LaunchTypes) {
     EXPECT_EQ(Hbbtv_AM_Launch_Application(eLaunchFormBroadcastApp, nullptr), 0);
     char dvb[] = "dvb://1.2.3.1/index.html";
     EXPECT_EQ(Hbbtv_AM_Launch_Application(eLaunchFormBroadcastApp, dvb), 0);
-    EXPECT_EQ(g_starts, 0);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 0);
 }
 
 TEST_F(AppLifecycleTest, PageEventsFromTheBrowser) {
@@ -216,7 +198,7 @@ TEST_F(AppLifecycleTest, PageEventsFromTheBrowser) {
     // Destroyed, then the autostart of the current table runs again.
     EXPECT_EQ(bodyOf(51), "51|");
     EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
-    EXPECT_EQ(g_starts, 2);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 2);
     EXPECT_TRUE(log_.contains("CMD_DESTROY_APPLICATION come from hbbtv-web-brower"));
 }
 
@@ -274,7 +256,7 @@ TEST_F(AppLifecycleTest, LoadErrorMarksTheEntryAndTheNextOneStarts) {
     EXPECT_EQ(application_vadility_flags[0], 0);
     EXPECT_EQ(application_vadility_flags[1], 1);
     EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
-    EXPECT_EQ(g_starts, 1);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
 
     // The page then fails in the browser: with nothing else startable the
     // browser is told the load failed.
@@ -289,7 +271,7 @@ TEST_F(AppLifecycleTest, InterruptedCarouselCheckStartsNothing) {
     hbb_sim_carousel_break_next(4);
     deliver(ait);
     EXPECT_EQ(running_application, nullptr);
-    EXPECT_EQ(g_starts, 0);
+    EXPECT_EQ(MiddlewareCallbacks::starts(), 0);
     EXPECT_TRUE(log_.contains("hbbCheckDSMCCEntryType break"));
     // Not a load error: the entry may be tried again.
     EXPECT_EQ(application_vadility_flags[0], 1);

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
@@ -64,6 +65,27 @@ std::vector<std::string> LogCapture::lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
 }
+
+namespace {
+std::atomic<int> g_starts{0};
+std::atomic<int> g_stops{0};
+int on_start() {
+    ++g_starts;
+    return application_manager_cmd_start();
+}
+int on_stop() {
+    ++g_stops;
+    return 1;
+}
+}  // namespace
+
+void MiddlewareCallbacks::install() {
+    g_starts = 0;
+    g_stops = 0;
+    application_manager_register(on_start, on_stop);
+}
+int MiddlewareCallbacks::starts() { return g_starts.load(); }
+int MiddlewareCallbacks::stops() { return g_stops.load(); }
 
 namespace {
 std::mutex g_shell_mutex;

@@ -57,6 +57,15 @@ private:
     std::vector<std::string> lines_;
 };
 
+// The middleware's start/stop callbacks as a receiver registers them: the
+// start callback answers with application_manager_cmd_start (which sends the
+// start URL to the browser). Counts are reset by install().
+struct MiddlewareCallbacks {
+    static void install();
+    static int starts();
+    static int stops();
+};
+
 // Shell commands the library ran (recorded instead of executed).
 std::vector<std::string> shell_commands();
 
