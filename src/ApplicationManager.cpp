@@ -14,6 +14,7 @@
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
+#include "ait/ait_guard.h"
 #include "common/atomic_state.h"
 #include "common/log.h"
 #include "common/seams.h"
@@ -156,6 +157,7 @@ std::string expand_user_agent(const char* ua) {
 
 using namespace appmgr;
 using namespace appmgr::lifecycle;
+using appmgr::AitGuardScope;
 
 extern "C" {
 
@@ -260,12 +262,17 @@ APPMGR_API int applicationManagerDeInit(void) {
     AM_INFO("applicationManagerDeInit-->going to set appmgr_state = APP_MANAGER_SUSPENDED\n\n");
     set_library_state(APP_MANAGER_SUSPENDED);
     is_portal_mode = 0;
-    if (running_application != nullptr) {
-        is_deinit = 1;
-        AM_INFO("Call applicationManagerDeInit application_manager_request_stop\n\n");
-        destroy_running_application();
+    {
+        // The running record is judged and ended under the AIT guard, like
+        // every other change of it.
+        AitGuardScope guard;
+        if (running_application != nullptr) {
+            is_deinit = 1;
+            AM_INFO("Call applicationManagerDeInit application_manager_request_stop\n\n");
+            destroy_running_application();
+        }
+        is_deinit = 0;
     }
-    is_deinit = 0;
     return 1;
 }
 
@@ -279,6 +286,7 @@ APPMGR_API int applicationManagerRestart(void) {
         return 0;
     }
     setKeySet(0, nullptr);
+    AitGuardScope guard;
     if (current_ait.app_type == DTG_CTV_APPLICATION_TYPE && running_application != nullptr) {
         destroy_running_application();
         return 0;
@@ -326,9 +334,14 @@ APPMGR_API int applicationManagerClose(void) {
     char empty[] = "";
     send_command(160, empty);
     AM_INFO("Web Browser closed...");
-    if (running_application != nullptr) {
-        is_deinit = 1;
-        destroy_running_application();
+    {
+        // Not held across close_messaging: that joins the receive threads,
+        // which may be waiting for the guard.
+        AitGuardScope guard;
+        if (running_application != nullptr) {
+            is_deinit = 1;
+            destroy_running_application();
+        }
     }
     close_messaging();
     atomic_set(webkit_running, 0);

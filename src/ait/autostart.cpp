@@ -10,6 +10,7 @@
 #include "app_mgr.h"
 #include "app_mgr_state.h"
 #include "common/atomic_state.h"
+#include "ait/ait_guard.h"
 #include "common/log.h"
 #include "core/core_internal.h"
 #include "hbb_platform.h"
@@ -202,6 +203,9 @@ void check_application_new_signaling(AitTable* ait) {
 
 APPMGR_API void channelChanged(Channel* channel) {
     if (appmgr::library_state() != APP_MANAGER_INITIALIZED) return;
+    // The running record is read and killed here while the browser's
+    // threads may change it: judge it under the AIT guard.
+    appmgr::AitGuardScope guard;
     AM_INFO("channel changed (tsid/onid/sid:%d/%d/%d)\n\n", channel ? channel->tsid : -1,
             channel ? channel->onid : -1, channel ? channel->sid : -1);
     // Any version is new on the new service.

@@ -10,31 +10,16 @@
 #include "app_mgr.h"
 #include "app_mgr_state.h"
 #include "common/atomic_state.h"
+#include "ait/ait_guard.h"
 #include "common/log.h"
 #include "core/core_internal.h"
 #include "hbb_platform.h"
 #include "hbbtv_externals/hbbtvDSMCCExternals.h"
 #include "xml/xml_ait_internal.h"
 
+using appmgr::AitGuardScope;
+
 namespace {
-
-// Takes the AIT guard for a scope; a failure is logged with the lock
-// message the callers use for lock and unlock alike.
-class AitGuardScope {
-public:
-    AitGuardScope() : locked_(lockAitGuard() != 0) {
-        if (!locked_) AM_ERROR("Error: lockAitGuard failed !\n");
-    }
-    ~AitGuardScope() {
-        if (locked_ && !unlockAitGuard()) AM_ERROR("Error: lockAitGuard failed !\n");
-    }
-    AitGuardScope(const AitGuardScope&) = delete;
-    AitGuardScope& operator=(const AitGuardScope&) = delete;
-    bool locked() const { return locked_; }
-
-private:
-    bool locked_;
-};
 
 void copy_text(char* dst, std::size_t size, const char* src) {
     std::snprintf(dst, size, "%s", src != nullptr ? src : "");

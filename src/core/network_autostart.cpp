@@ -5,6 +5,7 @@
 #include "app_mgr.h"
 #include "app_mgr_state.h"
 #include "common/atomic_state.h"
+#include "ait/ait_guard.h"
 #include "common/log.h"
 #include "core/core_internal.h"
 #include "dsmcc/DSMCCUtils.h"
@@ -43,6 +44,8 @@ APPMGR_API int sendNetworkStatus(int status) {
         return 0;
     }
     network_status = static_cast<NetworkStatus>(status);
+    // Starting the autostart application judges the running record.
+    appmgr::AitGuardScope guard;
     const bool active = appmgr::library_state() == APP_MANAGER_INITIALIZED;
     if (status == NETWORK_ON) {
         AM_INFO(" Network status from OFF to ON\n");

@@ -7,6 +7,7 @@
 #include "app_mgr.h"
 #include "app_mgr_state.h"
 #include "common/atomic_state.h"
+#include "ait/ait_guard.h"
 #include "common/log.h"
 #include "core/core_internal.h"
 #include "hbb_platform.h"
@@ -83,6 +84,7 @@ int find_teletext_application_index(void) {
 }
 
 APPMGR_API int toggleTeletextApplication(int state) {
+    appmgr::AitGuardScope guard;
     if (state == 1) {
         if (!has_teletext_application) {
             AM_INFO("HbbTV teletext application not signaled\n");
