@@ -342,40 +342,50 @@ using appmgr::xml::ParsedDocument;
 
 extern "C" {
 
+}  // extern "C"
+
+namespace {
+
+struct NamedCode {
+    const char* text;
+    int value;
+};
+
+// The code of an exact (case-sensitive) text of a table, or false.
+template <std::size_t N>
+bool lookup_code(const char* text, const NamedCode (&table)[N], int* value) {
+    if (text == nullptr || value == nullptr) return false;
+    for (const NamedCode& entry : table) {
+        if (std::strcmp(text, entry.text) == 0) {
+            *value = entry.value;
+            return true;
+        }
+    }
+    return false;
+}
+
+constexpr NamedCode kControlCodes[] = {
+    {"AUTOSTART", AUTOSTART}, {"PRESENT", PRESENT}, {"KILL", KILL}};
+constexpr NamedCode kVisibilities[] = {{"NOT_VISIBLE_ALL", NOT_VISIBLE_ALL},
+                                       {"NOT_VISIBLE_USERS", NOT_VISIBLE_USERS},
+                                       {"VISIBLE_ALL", VISIBLE_ALL}};
+
+}  // namespace
+
+extern "C" {
+
 int getControlCode(const char* value, ControlCode* code) {
-    if (value != nullptr && code != nullptr) {
-        if (std::strcmp(value, "AUTOSTART") == 0) {
-            *code = AUTOSTART;
-            return 0;
-        }
-        if (std::strcmp(value, "PRESENT") == 0) {
-            *code = PRESENT;
-            return 0;
-        }
-        if (std::strcmp(value, "KILL") == 0) {
-            *code = KILL;
-            return 0;
-        }
+    int found = 0;
+    if (code != nullptr && lookup_code(value, kControlCodes, &found)) {
+        *code = static_cast<ControlCode>(found);
+        return 0;
     }
     AM_WARN("ControlCode invalid value! %s\n", value != nullptr ? value : "(null)");
     return 1;
 }
 
 int getVisibility(const char* value, int* visibility) {
-    if (value != nullptr && visibility != nullptr) {
-        if (std::strcmp(value, "NOT_VISIBLE_ALL") == 0) {
-            *visibility = NOT_VISIBLE_ALL;
-            return 0;
-        }
-        if (std::strcmp(value, "NOT_VISIBLE_USERS") == 0) {
-            *visibility = NOT_VISIBLE_USERS;
-            return 0;
-        }
-        if (std::strcmp(value, "VISIBLE_ALL") == 0) {
-            *visibility = VISIBLE_ALL;
-            return 0;
-        }
-    }
+    if (lookup_code(value, kVisibilities, visibility)) return 0;
     AM_WARN("Visibility invalid value! %s\n", value != nullptr ? value : "(null)");
     return 1;
 }
