@@ -36,6 +36,8 @@ struct Messaging {
         dir = std::string(mkdtemp(tmpl)) + "/";
         appmgr::seams::set_socket_dir(dir);
         appmgr::seams::set_settle_millis(0);
+        // The plug-in connections dispatch under the AIT guard.
+        initAitGuard();
         tools_msg_init(&gData, 0, nullptr);
         tools_msg_connect(&gData);
         browser = new BrowserStandin(dir);
