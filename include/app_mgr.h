@@ -10,6 +10,8 @@
 #include "app_mgr_export.h"
 #include "app_mgr_types.h"
 
+#include <stdint.h>
+
 APPMGR_BEGIN_DECLS
 
 /* ---- lifecycle ----------------------------------------------------------
@@ -130,6 +132,14 @@ APPMGR_API void signalStatusNotification(int saver);
  * manager is initialised or a portal is shown. The list is not read. */
 
 APPMGR_API int setKeySet(int value, int* otherKeys);
+
+/* Injects a remote-control key into the graphics system's remote-input
+ * service (local TCP port 3585): 0 sent or unknown key, -1 on a connection
+ * or write failure. The connection is opened on first use and kept; after a
+ * failure every call fails until resetRemoteKeySocket. */
+APPMGR_API int sendIrCmd(uint16_t key);
+/* Closes the remote-input connection; the next key reconnects. */
+APPMGR_API void resetRemoteKeySocket(void);
 
 APPMGR_END_DECLS
 

@@ -254,7 +254,7 @@ const char* map_key(uint8_t key) {
     return nullptr;
 }
 
-int sendIrCmd(uint16_t key) {
+APPMGR_API int sendIrCmd(uint16_t key) {
     std::lock_guard<std::mutex> lock(g_remote_mutex);
     if (!g_remote.is_open() && !g_remote.open(appmgr::seams::remote_input_port())) {
         AM_ERROR("Connecting to DFB remote-input failed.\n\n");
@@ -275,7 +275,7 @@ int sendIrCmd(uint16_t key) {
     return 0;
 }
 
-void resetRemoteKeySocket(void) {
+APPMGR_API void resetRemoteKeySocket(void) {
     std::lock_guard<std::mutex> lock(g_remote_mutex);
     g_remote.close();
 }

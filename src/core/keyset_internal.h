@@ -17,11 +17,7 @@ void setActivateKeySet(void);
 // Injects one remote-control key into the remote-input service. The
 // connection is opened by the first call and kept. 0: sent, or the key has
 // no command; -1: connection or write failure.
-int sendIrCmd(uint16_t key);
-
 // Closes the remote-input connection; the next sendIrCmd reconnects.
-void resetRemoteKeySocket(void);
-
 // Command text (newline included) of a key number, or NULL. Only key numbers
 // up to 255 can be given, so table entries above 255 never match.
 const char* map_key(uint8_t key);

@@ -100,6 +100,9 @@ void hand_over(AitTable* table) {
     seams::notify_ait_handover(table);
 #endif
     runAutostartApplication(table);
+    // The chosen entry lives in a table freed right after this hand-over;
+    // the running application keeps its own copy.
+    autostart_app = nullptr;
     if (locked) unlockAitGuard();
 }
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "common/seams.h"
+#include "app_mgr.h"
 #include "core/keyset_internal.h"
 #include "test_support.h"
 
