@@ -1,6 +1,9 @@
 // Scenario files of appmgr-emu: INI text -> scenario model, and the errors a
 // bad file gets (with file and line). Nothing here starts the library.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +12,8 @@
 #include <fstream>
 #include <string>
 
+#include "http_stub.h"
+#include "remote_input.h"
 #include "scenario.h"
 
 using namespace appmgr::emu;
@@ -24,7 +29,14 @@ protected:
     }
     void TearDown() override {
         for (const std::string& f : files_) std::remove(f.c_str());
+        for (auto d = dirs_.rbegin(); d != dirs_.rend(); ++d) rmdir(d->c_str());
         rmdir(dir_.c_str());
+    }
+    std::string mkdir(const std::string& name) {
+        std::string path = dir_ + "/" + name;
+        ::mkdir(path.c_str(), 0755);
+        dirs_.push_back(path);
+        return path;
     }
     std::string write(const std::string& text, const std::string& name = "s.ini") {
         std::string path = dir_ + "/" + name;
@@ -47,6 +59,7 @@ protected:
 
     std::string dir_;
     std::vector<std::string> files_;
+    std::vector<std::string> dirs_;
 };
 
 const char* const kService =
@@ -311,6 +324,220 @@ TEST_F(ScenarioFile, AddedStepKindsParseInTimelines) {
     EXPECT_NE(error(std::string(kService) + "[timeline]\nstep1 = press_key\n")
                   .find("press_key: expects a key name"),
               std::string::npos);
+}
+
+// ---- carousels, served directories and the steps that drive the library's
+// menus, key sets and key injection -------------------------------------------
+
+TEST_F(ScenarioFile, CarouselsAndServedRootResolveAgainstTheFile) {
+    mkdir("carousel");
+    mkdir("www");
+    Scenario s = load(std::string(kService) +
+                      "[carousel.1]\ndir = carousel\n"
+                      "[carousel.0x1A]\ndir = " + dir_ + "/www\n"
+                      "[http]\nroot = www\n");
+    ASSERT_EQ(s.carousels.size(), 2u);
+    EXPECT_EQ(s.carousels[0].tag, 1);
+    EXPECT_EQ(s.carousels[0].dir, "carousel");
+    EXPECT_EQ(s.carousels[0].path, dir_ + "/carousel");  // relative to the scenario file
+    EXPECT_EQ(s.carousels[1].tag, 0x1a);
+    EXPECT_EQ(s.carousels[1].path, dir_ + "/www");  // absolute as given
+    EXPECT_EQ(s.http.root, std::optional<std::string>(dir_ + "/www"));
+    EXPECT_TRUE(s.http.enabled);
+
+    EXPECT_EQ(resolveAgainst("examples/x.ini", "carousel"), "examples/carousel");
+    EXPECT_EQ(resolveAgainst("x.ini", "carousel"), "carousel");
+    EXPECT_EQ(resolveAgainst("examples/x.ini", "/srv/c"), "/srv/c");
+}
+
+TEST_F(ScenarioFile, NewStepsAreNormalised) {
+    Scenario s = load(std::string(kService) +
+                      "[timeline]\n"
+                      "step1 = portal open http://{http}/p.html\n"
+                      "step2 = portal CLOSE\n"
+                      "step3 = teletext on\n"
+                      "step4 = teletext 7\n"
+                      "step5 = launch Broadcast http://{http}/a.aitx\n"
+                      "step6 = launch 12 http://x/\n"
+                      "step7 = keyset 0x7ff other\n"
+                      "step8 = keyset 0x800\n"
+                      "step9 = key 266\n"
+                      "step10 = expect result -1\n"
+                      "step11 = expect keyset 0x1f\n"
+                      "step12 = expect content a\\n\\0\\x7F\\\\b\n"
+                      "step13 = expect remote\n"
+                      "step14 = expect loaded dvb://1.2.3.1/index.html\n"
+                      "step15 = expect portal off\n");
+    const auto& t = s.timeline;
+    ASSERT_EQ(t.size(), 15u);
+    EXPECT_EQ(t[0].args, std::vector<std::string>{"open"});
+    EXPECT_EQ(t[0].tail, std::optional<std::string>("http://{http}/p.html"));
+    EXPECT_EQ(t[1].args, std::vector<std::string>{"close"});
+    EXPECT_EQ(t[2].args, std::vector<std::string>{"1"});
+    EXPECT_EQ(t[3].args, std::vector<std::string>{"7"});  // passed on: the library is to refuse it
+    EXPECT_EQ(t[4].args, std::vector<std::string>{"0"});  // eLaunchFormBroadcastApp
+    EXPECT_EQ(t[4].tail, std::optional<std::string>("http://{http}/a.aitx"));
+    EXPECT_EQ(t[5].args, std::vector<std::string>{"12"});
+    EXPECT_EQ(t[6].args, (std::vector<std::string>{"2047", "1"}));
+    EXPECT_EQ(t[7].args, (std::vector<std::string>{"2048", "0"}));
+    EXPECT_EQ(t[8].args, std::vector<std::string>{"266"});
+    EXPECT_EQ(t[9].args, (std::vector<std::string>{"result", "-1"}));
+    EXPECT_EQ(t[10].args, (std::vector<std::string>{"keyset", "31"}));
+    EXPECT_EQ(t[11].tail, std::optional<std::string>(std::string("a\n\0\x7f\\b", 6)));
+    EXPECT_EQ(t[12].tail, std::optional<std::string>(""));  // nothing at all
+    EXPECT_EQ(t[13].tail, std::optional<std::string>("dvb://1.2.3.1/index.html"));
+    EXPECT_EQ(t[14].args, (std::vector<std::string>{"portal", "0"}));
+    EXPECT_TRUE(s.http.enabled);  // {http} in a step starts the responder
+    EXPECT_FALSE(s.http.root.has_value());
+}
+
+TEST_F(ScenarioFile, BadCarouselsRootsAndNewSteps) {
+    write("not a directory", "plain.txt");
+    mkdir("c");
+    const std::string t = std::string(kService) + "[timeline]\n";
+    struct Bad {
+        const char* what;
+        std::string text;
+        std::string message;
+    };
+    const Bad cases[] = {
+        {"carousel without tag", std::string(kService) + "[carousel]\ndir = c\n",
+         "[carousel]: give the component tag in the section name: [carousel.TAG]"},
+        {"tag not a number", std::string(kService) + "[carousel.news]\ndir = c\n",
+         "[carousel.news]: 'news' is not a component tag from 0 to 65535"},
+        {"tag too large", std::string(kService) + "[carousel.0x10000]\ndir = c\n", "is not a component tag"},
+        {"same tag twice", std::string(kService) + "[carousel.1]\ndir = c\n[carousel.0x1]\ndir = c\n",
+         "[carousel.0x1]: component tag 1 has a carousel already"},
+        {"dir missing", std::string(kService) + "[carousel.1]\n", "[carousel.1]: 'dir' is missing"},
+        {"unknown carousel key", std::string(kService) + "[carousel.1]\ndir = c\npath = c\n",
+         "[carousel.1] path: unknown key (known: dir)"},
+        {"absent dir", std::string(kService) + "[carousel.1]\ndir = nowhere\n",
+         "s.ini:6: [carousel.1] dir: 'nowhere' (" + dir_ + "/nowhere): No such file or directory"},
+        {"dir is a file", std::string(kService) + "[carousel.1]\ndir = plain.txt\n", "is not a directory"},
+        {"root is a file", std::string(kService) + "[http]\nroot = plain.txt\n",
+         "[http] root: 'plain.txt' (" + dir_ + "/plain.txt) is not a directory"},
+        {"portal verb", t + "step1 = portal show x\n", "portal: expects open URL or close"},
+        {"portal without URL", t + "step1 = portal open\n", "open expects one URL"},
+        {"teletext word", t + "step1 = teletext maybe\n", "teletext: expects on, off or a number"},
+        {"launch type", t + "step1 = launch menu http://x/\n",
+         "'menu' is not a launch type (broadcast, homepage, player, epg"},
+        {"launch without URL", t + "step1 = launch broadcast\n", "expects a launch type and a URL"},
+        {"keyset extra word", t + "step1 = keyset 0x1f others\n", "keyset: expects a mask"},
+        {"keyset mask", t + "step1 = keyset red\n", "keyset: expects a mask"},
+        {"key range", t + "step1 = key 65536\n", "key: expects a key number from 0 to 65535"},
+        {"expect keyset range", t + "step1 = expect keyset 0x800\n", "keyset expects a mask from 0 to 0x7ff"},
+        {"bad escape", t + "step1 = expect content a\\qb\n",
+         "content: unknown escape at character 2 (known: \\n \\r \\t \\0 \\\\ \\xNN)"},
+        {"short hex escape", t + "step1 = expect remote key\\x4\n",
+         "remote: \\x needs two hexadecimal digits"},
+        {"expect portal", t + "step1 = expect portal maybe\n", "portal expects on or off"},
+        {"expect result", t + "step1 = expect result one\n", "result expects a number"},
+        {"expect loaded", t + "step1 = expect loaded\n", "loaded expects the URL of the page"},
+    };
+    for (const Bad& c : cases) {
+        const std::string e = error(c.text);
+        EXPECT_NE(e.find(c.message), std::string::npos)
+            << c.what << ": got \"" << e << "\", expected it to contain \"" << c.message << "\"";
+    }
+}
+
+TEST(ScenarioHelpers, EscapesAndLaunchTypes) {
+    std::string e;
+    EXPECT_EQ(unescapeBytes("key 1\\n\\0", &e), std::optional<std::string>(std::string("key 1\n\0", 7)));
+    EXPECT_EQ(unescapeBytes("\\x00\\xFf\\t\\r", &e),
+              std::optional<std::string>(std::string("\0\xff\t\r", 4)));
+    EXPECT_EQ(unescapeBytes("", &e), std::optional<std::string>(""));
+    EXPECT_FALSE(unescapeBytes("ends in \\", &e));
+    EXPECT_FALSE(unescapeBytes("\\xg0", &e));
+    EXPECT_EQ(launchTypeValue("broadcast"), 0);
+    EXPECT_EQ(launchTypeValue("other"), 9);
+    EXPECT_EQ(launchTypeValue("Broadcast"), -1);  // callers lower-case first
+    EXPECT_STREQ(launchTypeName(3), "epg");
+    EXPECT_EQ(launchTypeName(10), nullptr);
+}
+
+// ---- the HTTP responder's answers ---------------------------------------------
+
+TEST_F(ScenarioFile, HttpRootServesFilesInsideItOnly) {
+    const std::string www = mkdir("www");
+    mkdir("www/app");
+    write("<a href=\"http://{http}/x\">{http}</a>", "www/app/index.html");
+    write(std::string("\0{http}", 7), "www/app/logo.bin");
+    write("secret", "outside.txt");
+    ASSERT_EQ(::symlink((dir_ + "/outside.txt").c_str(), (www + "/link.txt").c_str()), 0);
+    files_.push_back(www + "/link.txt");
+
+    HttpStub::Config config{{"/app/gone.html"}, www};
+    const std::string host = "127.0.0.1:8080";
+    HttpAnswer a = HttpStub::answerFor("/app/index.html?x=1#top", config, host);
+    EXPECT_EQ(a.status, "200 OK");
+    EXPECT_EQ(a.content_type, "text/html");
+    EXPECT_EQ(a.body, "<a href=\"http://127.0.0.1:8080/x\">127.0.0.1:8080</a>");  // text: {http} put in
+    EXPECT_EQ(HttpStub::answerFor("/app/", config, host).body, a.body);      // a directory: its index.html
+    a = HttpStub::answerFor("/app/logo.bin", config, host);
+    EXPECT_EQ(a.body, std::string("\0{http}", 7));  // binary: as it is
+    EXPECT_EQ(a.content_type, "application/octet-stream");
+
+    for (const char* path :
+         {"/app/gone.html", "/app/none.html", "/../outside.txt", "/app/%2e%2e/../outside.txt",
+          "/app%2f..%2f..%2foutside.txt", "/link.txt", "//app/index.html", "/app/%zz"})
+        EXPECT_EQ(HttpStub::answerFor(path, config, host).status, "404 Not Found") << path;
+
+    // Without a root every path but the missing ones gets the canned page.
+    HttpStub::Config canned{{"/gone"}, std::nullopt};
+    EXPECT_EQ(HttpStub::answerFor("/anything", canned, host).status, "200 OK");
+    EXPECT_EQ(HttpStub::answerFor("/gone?q", canned, host).status, "404 Not Found");
+
+    EXPECT_EQ(HttpStub::contentType("/a/ait.AITX"), "application/vnd.dvb.ait+xml");
+    EXPECT_EQ(HttpStub::contentType("/a.b/README"), "application/octet-stream");
+}
+
+// ---- the remote-input service stand-in ------------------------------------------
+
+int connectTo(int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+TEST(RemoteInputListener, CollectsCommandsAndRefusesATakenPort) {
+    RemoteInputListener remote;
+    std::string error;
+    ASSERT_TRUE(remote.start(0, &error)) << error;
+    ASSERT_GT(remote.port(), 0);
+
+    EXPECT_EQ(remote.take(50), "");  // nothing yet: bounded wait, no bytes
+    int fd = connectTo(remote.port());
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::send(fd, "key 1\n\0", 7, 0), 7);
+    EXPECT_EQ(remote.take(2000), std::string("key 1\n\0", 7));
+    // A command in two writes is taken once its zero byte is there.
+    ASSERT_EQ(::send(fd, "key ", 4, 0), 4);
+    ASSERT_EQ(::send(fd, "up\n\0", 4, 0), 4);
+    std::string got;
+    for (int i = 0; i < 20 && got.find('\0') == std::string::npos; ++i) got += remote.take(100);
+    EXPECT_EQ(got, std::string("key up\n\0", 8));
+    // A new connection replaces the old one.
+    int fd2 = connectTo(remote.port());
+    ASSERT_GE(fd2, 0);
+    ASSERT_EQ(::send(fd2, "key 0\n\0", 7, 0), 7);
+    EXPECT_EQ(remote.take(2000), std::string("key 0\n\0", 7));
+    EXPECT_EQ(remote.connections(), 2);
+
+    RemoteInputListener second;
+    EXPECT_FALSE(second.start(remote.port(), &error));
+    EXPECT_NE(error.find("cannot listen on 127.0.0.1:" + std::to_string(remote.port())), std::string::npos)
+        << error;
+    EXPECT_NE(error.find("another program serves this port"), std::string::npos) << error;
+    ::close(fd);
+    ::close(fd2);
 }
 
 }  // namespace

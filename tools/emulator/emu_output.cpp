@@ -82,6 +82,11 @@ void fail(const std::string& why) {
     std::_Exit(1);
 }
 
+void unsupported(const std::string& why) {
+    emit("appmgr-emu: NOT RUN: " + why);
+    std::_Exit(kExitUnsupported);
+}
+
 void step(const std::string& what) { emit("\n== " + what); }
 
 // A library call is shown before it is made (what it causes is printed by

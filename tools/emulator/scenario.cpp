@@ -147,6 +147,10 @@ std::optional<int> stateValue(const std::string& text) {
 
 const char* const kConnectionNames[] = {"application", "dtvplugins", "vodplugins", "callbacks", "dsmcc"};
 
+// Hbbtv_AM_Launch_Application's eLaunchType values 0 to 9, by name.
+const char* const kLaunchTypes[] = {"broadcast", "homepage", "player", "epg",    "miniguide",
+                                    "search", "recommendations", "browse", "speech", "other"};
+
 std::optional<int> connectionIndex(const std::string& text) {
     const std::string t = lower(text);
     for (int i = 0; i < 5; ++i)
@@ -529,6 +533,18 @@ void readTimeline(const Reader& r, Scenario& s) {
     }
 }
 
+// A directory named in the file, resolved against the file's directory; it
+// must exist when the scenario is read.
+std::string existingDirectory(const Reader& r, const std::string& section, const std::string& key,
+                              const std::string& value, const std::string& file) {
+    const std::string resolved = resolveAgainst(file, value);
+    struct stat st {};
+    if (::stat(resolved.c_str(), &st) != 0)
+        r.error(section, key, "'" + value + "' (" + resolved + "): " + std::strerror(errno));
+    if (!S_ISDIR(st.st_mode)) r.error(section, key, "'" + value + "' (" + resolved + ") is not a directory");
+    return resolved;
+}
+
 bool usesHttpPlaceholder(const Scenario& s) {
     auto has = [](const std::string& t) { return t.find(kHttpPlaceholder) != std::string::npos; };
     for (const AppSpec& a : s.apps)
@@ -544,7 +560,8 @@ Scenario build(const Reader& r, const std::string& path) {
     const Layout& layout = r.layout();
 
     // Sections by kind, in file order.
-    std::vector<std::pair<std::string, std::string>> channel_sections, app_sections, ait_sections;
+    std::vector<std::pair<std::string, std::string>> channel_sections, app_sections, ait_sections,
+        carousel_sections;
     bool have_service = false;
     for (const auto& sec : layout.sections) {
         const std::string& name = sec.first;
@@ -556,17 +573,22 @@ Scenario build(const Reader& r, const std::string& path) {
             have_service = have_service || kind == "service";
             continue;
         }
-        if (dot != std::string::npos && (kind == "channel" || kind == "app" || kind == "ait")) {
+        if (dot != std::string::npos &&
+            (kind == "channel" || kind == "app" || kind == "ait" || kind == "carousel")) {
             if (!validName(suffix))
                 r.error(name, "", "the name after '" + kind + ".' may use letters, digits, '_' and '-'");
             if (kind == "channel") channel_sections.emplace_back(name, suffix);
             if (kind == "app") app_sections.emplace_back(name, suffix);
             if (kind == "ait") ait_sections.emplace_back(name, suffix);
+            if (kind == "carousel") carousel_sections.emplace_back(name, suffix);
             continue;
         }
+        if (name == "carousel")
+            r.error(name, "",
+                    "give the component tag in the section name: [carousel.TAG], e.g. [carousel.1]");
         r.error(name, "",
                 "unknown section (known: scenario, service, terminal, http, timeline, "
-                "channel.NAME, app.NAME, ait.NAME)");
+                "channel.NAME, app.NAME, ait.NAME, carousel.TAG)");
     }
     if (!have_service)
         throw Failure{r.layout().sections.empty() && layout.keys.empty()
@@ -645,7 +667,7 @@ Scenario build(const Reader& r, const std::string& path) {
         s.terminal.network = n;
     }
 
-    r.allowOnly("http", {"missing"});
+    r.allowOnly("http", {"missing", "root"});
     bool have_http = false;
     for (const auto& sec : layout.sections) have_http = have_http || sec.first == "http";
     if (std::optional<std::string> m = r.get("http", "missing")) {
@@ -653,6 +675,26 @@ Scenario build(const Reader& r, const std::string& path) {
             if (p[0] != '/') r.error("http", "missing", "'" + p + "' is not a path starting with '/'");
             s.http.missing.push_back(p);
         }
+    }
+    if (std::optional<std::string> root = r.get("http", "root"))
+        s.http.root = existingDirectory(r, "http", "root", *root, path);
+
+    for (const auto& cs : carousel_sections) {
+        CarouselSpec c;
+        std::optional<long> tag = number(cs.second, 0, 0xFFFF);
+        if (!tag)
+            r.error(cs.first, "",
+                    "'" + cs.second + "' is not a component tag from 0 to 65535 (decimal or 0x hexadecimal)");
+        c.tag = static_cast<int>(*tag);
+        for (const CarouselSpec& other : s.carousels)
+            if (other.tag == c.tag)
+                r.error(cs.first, "", "component tag " + std::to_string(c.tag) + " has a carousel already");
+        r.allowOnly(cs.first, {"dir"});
+        std::optional<std::string> dir = r.get(cs.first, "dir");
+        if (!dir || dir->empty()) r.error(cs.first, "", "'dir' is missing (the directory to serve)");
+        c.dir = *dir;
+        c.path = existingDirectory(r, cs.first, "dir", *dir, path);
+        s.carousels.push_back(c);
     }
 
     readTimeline(r, s);
@@ -772,7 +814,108 @@ std::string parseExpect(Step& st, const std::string& rest, const Scenario&) {
         st.tail = r;
         return "";
     }
-    return "expects running, decision, no_decision, no_frame, state or reply";
+    if (what == "result") {
+        std::optional<long> v = w.size() == 1 ? number(w[0], INT_MIN, INT_MAX) : std::nullopt;
+        if (!v) return "result expects a number";
+        st.args = {what, std::to_string(*v)};
+        return "";
+    }
+    if (what == "keyset") {
+        std::optional<long> v = w.size() == 1 ? number(w[0], 0, 0x7FF) : std::nullopt;
+        if (!v) return "keyset expects a mask from 0 to 0x7ff";
+        st.args = {what, std::to_string(*v)};
+        return "";
+    }
+    if (what == "content" || what == "remote") {
+        // The rest of the value, escapes decoded; empty: no bytes at all.
+        std::string error;
+        std::optional<std::string> bytes = unescapeBytes(r, &error);
+        if (!bytes) return what + ": " + error;
+        st.args = {what};
+        st.tail = *bytes;
+        return "";
+    }
+    if (what == "loaded") {
+        if (w.size() != 1) return "loaded expects the URL of the page";
+        st.args = {what};
+        st.tail = w[0];
+        return "";
+    }
+    if (what == "portal") {
+        std::optional<bool> on = w.size() == 1 ? boolean(w[0]) : std::nullopt;
+        if (!on) return "portal expects on or off";
+        st.args = {what, *on ? "1" : "0"};
+        return "";
+    }
+    return "expects running, decision, no_decision, no_frame, state, reply, result, keyset, "
+           "content, remote, loaded or portal";
+}
+
+std::string parsePortal(Step& st, const std::string& rest, const Scenario&) {
+    std::string r = rest;
+    const std::string what = lower(takeWord(r));
+    if (what == "open") {
+        std::vector<std::string> w = words(r);
+        if (w.size() != 1) return "open expects one URL";
+        st.args = {what};
+        st.tail = w[0];
+        return "";
+    }
+    if (what == "close" && r.empty()) {
+        st.args = {what};
+        return "";
+    }
+    return "expects open URL or close";
+}
+
+std::string parseTeletext(Step& st, const std::string& rest, const Scenario&) {
+    std::vector<std::string> w = words(rest);
+    if (w.size() != 1) return "expects on, off or a number";
+    std::optional<long> n = number(w[0], INT_MIN, INT_MAX);
+    if (!n) {
+        std::optional<bool> on = boolean(w[0]);
+        if (!on) return "expects on, off or a number";
+        n = *on ? 1 : 0;
+    }
+    st.args = {std::to_string(*n)};
+    return "";
+}
+
+std::string parseLaunch(Step& st, const std::string& rest, const Scenario&) {
+    std::vector<std::string> w = words(rest);
+    if (w.size() != 2) return "expects a launch type and a URL";
+    int type = launchTypeValue(lower(w[0]));
+    if (type < 0) {
+        std::optional<long> n = number(w[0], INT_MIN, INT_MAX);
+        if (!n) {
+            std::vector<std::string> names;
+            for (int i = 0; launchTypeName(i); ++i) names.push_back(launchTypeName(i));
+            return "'" + w[0] + "' is not a launch type (" + joined(names) + " or a number)";
+        }
+        type = static_cast<int>(*n);
+    }
+    st.args = {std::to_string(type)};
+    st.tail = w[1];
+    return "";
+}
+
+std::string parseKeyset(Step& st, const std::string& rest, const Scenario&) {
+    std::vector<std::string> w = words(rest);
+    // Masks outside 0-0x7ff are allowed: the library is to refuse them.
+    std::optional<long> mask = w.empty() ? std::nullopt : number(w[0], -0xFFFF, 0xFFFF);
+    const bool other = w.size() == 2 && lower(w[1]) == "other";
+    if (!mask || w.size() > 2 || (w.size() == 2 && !other))
+        return "expects a mask (e.g. 0x1f) and optionally 'other' (an other-keys list is given)";
+    st.args = {std::to_string(*mask), other ? "1" : "0"};
+    return "";
+}
+
+std::string parseKey(Step& st, const std::string& rest, const Scenario&) {
+    std::vector<std::string> w = words(rest);
+    std::optional<long> key = w.size() == 1 ? number(w[0], 0, 0xFFFF) : std::nullopt;
+    if (!key) return "expects a key number from 0 to 65535 (e.g. 10 for \"key 0\")";
+    st.args = {std::to_string(*key)};
+    return "";
 }
 
 std::string parseClose(Step& st, const std::string& rest, const Scenario&) {
@@ -791,8 +934,14 @@ std::vector<StepKind>& registry() {
         {"browser", "browser [CONNECTION] MESSAGE", parseBrowser},
         {"expect",
          "expect running ORG.APP|none, expect decision|no_decision KIND [ORG.APP], "
-         "expect no_frame ID, expect state STATE, expect reply [FIELD|...]",
+         "expect no_frame ID, expect state STATE, expect reply [FIELD|...], expect result N, "
+         "expect keyset MASK, expect content|remote [BYTES], expect loaded URL, expect portal on|off",
          parseExpect},
+        {"portal", "portal open URL|close", parsePortal},
+        {"teletext", "teletext on|off|NUMBER", parseTeletext},
+        {"launch", "launch TYPE URL", parseLaunch},
+        {"keyset", "keyset MASK [other]", parseKeyset},
+        {"key", "key NUMBER", parseKey},
         {"close", "close", parseClose},
     };
     return kinds;
@@ -919,6 +1068,64 @@ std::vector<std::string> splitExpectedFields(const std::string& text) {
     }
     return out;
 }
+
+std::optional<std::string> unescapeBytes(const std::string& text, std::string* error) {
+    auto hexDigit = [](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        return -1;
+    };
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            out.push_back(text[i]);
+            continue;
+        }
+        const char next = i + 1 < text.size() ? text[i + 1] : '\0';
+        switch (next) {
+            case 'n': out.push_back('\n'); break;
+            case 'r': out.push_back('\r'); break;
+            case 't': out.push_back('\t'); break;
+            case '0': out.push_back('\0'); break;
+            case '\\': out.push_back('\\'); break;
+            case 'x': {
+                const int hi = i + 2 < text.size() ? hexDigit(text[i + 2]) : -1;
+                const int lo = i + 3 < text.size() ? hexDigit(text[i + 3]) : -1;
+                if (hi < 0 || lo < 0) {
+                    if (error)
+                        *error = "\\x needs two hexadecimal digits (at character " +
+                                 std::to_string(i + 1) + ")";
+                    return std::nullopt;
+                }
+                out.push_back(static_cast<char>(hi * 16 + lo));
+                i += 2;
+                break;
+            }
+            default:
+                if (error)
+                    *error = "unknown escape at character " + std::to_string(i + 1) +
+                             " (known: \\n \\r \\t \\0 \\\\ \\xNN)";
+                return std::nullopt;
+        }
+        ++i;
+    }
+    return out;
+}
+
+std::string resolveAgainst(const std::string& file, const std::string& path) {
+    if (path.empty() || path[0] == '/') return path;
+    const std::size_t slash = file.rfind('/');
+    return slash == std::string::npos ? path : file.substr(0, slash + 1) + path;
+}
+
+int launchTypeValue(const std::string& name) {
+    for (int i = 0; i < 10; ++i)
+        if (name == kLaunchTypes[i]) return i;
+    return -1;
+}
+
+const char* launchTypeName(int value) { return value >= 0 && value < 10 ? kLaunchTypes[value] : nullptr; }
 
 std::string expandPlaceholders(const std::string& text, const std::string& host) {
     std::string out = text;

@@ -27,6 +27,10 @@ constexpr int kTransportHttp = 3;
 // responder in URLs, browser messages and expected texts.
 constexpr const char* kHttpPlaceholder = "{http}";
 
+// TCP port of the graphics system's remote-input service on 127.0.0.1; the
+// shipped library connects to it to inject keys.
+constexpr int kRemoteInputPort = 3585;
+
 // Longest time a scenario may run, and the default.
 constexpr int kMaxTimeLimitSeconds = 300;
 constexpr int kDefaultTimeLimitSeconds = 20;
@@ -96,6 +100,17 @@ struct TerminalSpec {
 struct HttpSpec {
     bool enabled = false;              // [http] present or {http} used
     std::vector<std::string> missing;  // paths answered "404 Not Found"
+    // Directory whose files are served (resolved against the scenario's
+    // directory); absent: every other path gets the canned page.
+    std::optional<std::string> root;
+};
+
+// [carousel.TAG]: a directory served as the object carousel of a component
+// tag by the simulated receiver.
+struct CarouselSpec {
+    int tag = 0;
+    std::string dir;  // as written
+    std::string path;  // resolved against the scenario's directory
 };
 
 struct Step {
@@ -119,7 +134,8 @@ struct Scenario {
     std::vector<AitSpec> aits;          // "main" and "empty" always among them
     TerminalSpec terminal;
     HttpSpec http;
-    std::vector<Step> timeline;  // by step number
+    std::vector<CarouselSpec> carousels;  // in file order
+    std::vector<Step> timeline;           // by step number
 
     const ChannelSpec* channel(const std::string& name) const;
     int channelIndex(const std::string& name) const;
@@ -160,5 +176,15 @@ std::string formatAppIds(int org, int app);
 std::vector<std::string> splitExpectedFields(const std::string& text);
 // Replaces every {http} by host.
 std::string expandPlaceholders(const std::string& text, const std::string& host);
+// Bytes written with escapes: \n, \r, \t, \0, \\ and \xNN (two hex digits);
+// other characters stand for themselves. Nullopt (and the reason in *error)
+// for a malformed escape.
+std::optional<std::string> unescapeBytes(const std::string& text, std::string* error);
+// path as it is when absolute, else relative to the directory of file.
+std::string resolveAgainst(const std::string& file, const std::string& path);
+// The launch types of Hbbtv_AM_Launch_Application by name ("broadcast" is
+// eLaunchFormBroadcastApp = 0 ... "other" = 9); -1 for an unknown name.
+int launchTypeValue(const std::string& name);
+const char* launchTypeName(int value);
 
 }  // namespace appmgr::emu

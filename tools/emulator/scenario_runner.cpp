@@ -1,5 +1,7 @@
 #include "scenario_runner.h"
 
+#include <dlfcn.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -18,6 +20,7 @@
 #include "emu_output.h"
 #include "hbb_sim.h"
 #include "http_stub.h"
+#include "remote_input.h"
 
 namespace appmgr::emu {
 
@@ -30,6 +33,11 @@ constexpr int kInitMs = 6000;
 constexpr int kWaitMs = 2000;   // expected frames, decisions and replies
 constexpr int kSettleMs = 300;  // before checking that something did not happen
 constexpr int kQuietMs = 30;    // frames still arriving after a step (see settle())
+constexpr std::size_t kShownPayload = 160;  // payload bytes shown of a content reply
+
+// The library's key injection (KeySetImpl): looked up at run time, since the
+// shared object need not export it.
+using SendIrCmdFn = int (*)(uint16_t);
 
 const char* const kUserAgentHead =
     "Mozilla/5.0 (Linux; appmgr-emu) AppleWebKit/537.36 (KHTML, like Gecko) HbbTV/";
@@ -64,20 +72,20 @@ char* dup(const std::string& s) { return strdup(s.c_str()); }
 // heap, owned by the caller; the library only copies it.
 class BuiltAit {
 public:
-    BuiltAit(const Scenario& s, const AitSpec& spec, const std::string& host) {
-        const ChannelSpec* ch = s.channel(spec.channel);
-        t_.is_test_app = spec.test ? 1 : 0;
-        t_.app_type = spec.type;
-        t_.version = spec.version;
-        std::snprintf(t_.dvb_url, sizeof(t_.dvb_url), "%s", spec.dvb_url.c_str());
-        t_.app_lenght = static_cast<int>(spec.apps.size());
-        t_.apps = static_cast<Application*>(std::calloc(spec.apps.size() + 1, sizeof(Application)));
-        for (std::size_t i = 0; i < spec.apps.size(); ++i) {
-            const AppSpec& a = *s.app(spec.apps[i].app);
+    BuiltAit(const Scenario& s, const AitSpec& table, const std::string& host) {
+        const ChannelSpec* ch = s.channel(table.channel);
+        t_.is_test_app = table.test ? 1 : 0;
+        t_.app_type = table.type;
+        t_.version = table.version;
+        std::snprintf(t_.dvb_url, sizeof(t_.dvb_url), "%s", table.dvb_url.c_str());
+        t_.app_lenght = static_cast<int>(table.apps.size());
+        t_.apps = static_cast<Application*>(std::calloc(table.apps.size() + 1, sizeof(Application)));
+        for (std::size_t i = 0; i < table.apps.size(); ++i) {
+            const AppSpec& a = *s.app(table.apps[i].app);
             Application& out = t_.apps[i];
             out.organisation_id = a.org_id;
             out.app_id = a.app_id;
-            out.control_code = static_cast<ControlCode>(spec.apps[i].control.value_or(a.control));
+            out.control_code = static_cast<ControlCode>(table.apps[i].control.value_or(a.control));
             out.app_profile = a.profile;
             out.version_major = a.version[0];
             out.version_minor = a.version[1];
@@ -202,6 +210,11 @@ public:
     void waitFrame(const Step& st);
     void browser(const Step& st);
     void expect(const Step& st);
+    void portal(const Step& st);
+    void teletext(const Step& st);
+    void launch(const Step& st);
+    void keyset(const Step& st);
+    void key(const Step& st);
     void close(const Step& st);
 
 private:
@@ -209,6 +222,9 @@ private:
     void startUp();
     void decide(const std::string& kind, int org, int app, const std::string& detail);
     void settle();
+    void readContentReply(Connection c);
+    void callResult(int result);
+    bool usesStep(const std::string& kind) const;
     std::string expand(const std::string& t) const { return expandPlaceholders(t, http_host_); }
 
     const Scenario& s_;
@@ -219,7 +235,16 @@ private:
     std::string http_host_ = "127.0.0.1";
     std::atomic<bool> stop_readers_{false};
     std::vector<std::thread> readers_;
+    // Pages the library took as loaded (browser message 82), from its log:
+    // its receive thread stores the URL without a lock the emulator could
+    // take, so the stored copy is not read.
+    ClaimLog<std::string> loaded_pages_;
     std::optional<std::string> last_reply_;
+    std::optional<std::string> last_content_;  // payload of the last content reply
+    std::optional<int> last_result_;           // of the last portal/teletext/launch/keyset/key step
+    std::optional<std::string> last_remote_;   // bytes the remote-input service got in the last key step
+    RemoteInputListener remote_;
+    SendIrCmdFn send_ir_cmd_ = nullptr;
     bool closed_ = false;
 };
 
@@ -231,6 +256,9 @@ const std::map<std::string, RunFn>& runTable() {
         {"channel", &Run::channel},        {"wait", &Run::wait},
         {"wait_frame", &Run::waitFrame},   {"browser", &Run::browser},
         {"expect", &Run::expect},          {"close", &Run::close},
+        {"portal", &Run::portal},          {"teletext", &Run::teletext},
+        {"launch", &Run::launch},          {"keyset", &Run::keyset},
+        {"key", &Run::key},
     };
     return table;
 }
@@ -313,6 +341,12 @@ void Run::onLog(const char* line) {
         probe_url = after("CALLED probe_http_app WAITING...: ");
     } else if (is(" Http App probing failed")) {
         decide("probe_failed", -1, -1, probe_url.empty() ? "HTTP probe failed" : probe_url);
+    } else if (is("page ")) {
+        std::string m = message;
+        while (!m.empty() && (m.back() == '\n' || m.back() == '\r')) m.pop_back();
+        const std::string tail = " is loaded...";
+        if (m.size() >= 5 + tail.size() && m.compare(m.size() - tail.size(), tail.size(), tail) == 0)
+            loaded_pages_.add(m.substr(5, m.size() - 5 - tail.size()));
     } else if (is("There is running http application,but we not stop it")) {
         auto ids = running();
         decide("keep", ids.first, ids.second, "HTTP application left running with the network off");
@@ -372,19 +406,45 @@ void Run::setUp() {
         hbb_sim_set_parental_threshold(*s_.terminal.parental_threshold);
         emit("receiver  parental rating threshold " + std::to_string(*s_.terminal.parental_threshold));
     }
+    for (const CarouselSpec& c : s_.carousels) {
+        if (hbb_sim_set_carousel(c.tag, c.path.c_str()) != 0)
+            fail("the simulator refused directory " + c.path + " as the carousel of tag " +
+                 std::to_string(c.tag));
+        emit("receiver  object carousel of component tag " + hex(c.tag) + ": directory " + c.path);
+    }
     if (s_.http.enabled) {
         std::string error;
+        HttpStub::Config config{s_.http.missing, s_.http.root};
         if (!http_.start(
-                s_.http.missing, [](const std::string& l) { emit(l); }, &error))
+                config, [](const std::string& l) { emit(l); }, &error))
             fail("HTTP responder: " + error);
         http_host_ = http_.host();
         emit("http      answering on " + http_host_ +
+             (s_.http.root ? ", files from " + *s_.http.root : "") +
              (s_.http.missing.empty() ? "" : " (404 for " + [&] {
                  std::string l;
                  for (const std::string& p : s_.http.missing) l += (l.empty() ? "" : " ") + p;
                  return l;
              }() + ")"));
     }
+    if (usesStep("key")) {
+        // The library connects to the remote-input service on a fixed port.
+        std::string error;
+        if (!remote_.start(kRemoteInputPort, &error))
+            fail("remote-input service stand-in: " + error +
+                 "; the key steps need this port (the shipped library's port is fixed)");
+        emit("remote    remote-input service listening on 127.0.0.1:" + std::to_string(remote_.port()));
+        send_ir_cmd_ = reinterpret_cast<SendIrCmdFn>(dlsym(RTLD_DEFAULT, "sendIrCmd"));
+        if (!send_ir_cmd_)
+            unsupported("the scenario injects keys, but libapp-mgr.so does not export sendIrCmd, so no "
+                        "caller outside the library can reach key injection");
+    }
+}
+
+bool Run::usesStep(const std::string& kind) const {
+    for (const Step& st : s_.timeline)
+        if (st.kind == kind) return true;
+    return false;
 }
 
 void Run::startUp() {
@@ -464,15 +524,15 @@ void Run::execute() {
 // ---- step kinds --------------------------------------------------------------------------
 
 void Run::deliverAit(const Step& st) {
-    const AitSpec& spec = *s_.ait(st.args.at(0));
-    BuiltAit ait(s_, spec, http_host_);
-    libraryCall("aitUpdate(AIT \"" + spec.name + "\": type " + std::to_string(spec.type) + ", version " +
-                std::to_string(spec.version) + (spec.test ? ", test" : "") + ", " +
-                quoted(spec.dvb_url) + ", " + std::to_string(spec.apps.size()) + " application" +
-                (spec.apps.size() == 1 ? "" : "s") + ")   [AIT subscription]");
+    const AitSpec& table = *s_.ait(st.args.at(0));
+    BuiltAit ait(s_, table, http_host_);
+    libraryCall("aitUpdate(AIT \"" + table.name + "\": type " + std::to_string(table.type) + ", version " +
+                std::to_string(table.version) + (table.test ? ", test" : "") + ", " +
+                quoted(table.dvb_url) + ", " + std::to_string(table.apps.size()) + " application" +
+                (table.apps.size() == 1 ? "" : "s") + ")   [AIT subscription]");
     for (int i = 0; i < ait.get()->app_lenght; ++i) {
         const Application& a = ait.get()->apps[i];
-        const AppSpec& as = *s_.app(spec.apps[static_cast<std::size_t>(i)].app);
+        const AppSpec& as = *s_.app(table.apps[static_cast<std::size_t>(i)].app);
         std::string extra;
         if (!as.service_bound) extra += ", unbound";
         if (as.ip_required) extra += ", needs IP";
@@ -551,6 +611,11 @@ void Run::browser(const Step& st) {
     emit(trimRight(col(c) + "-> " + (id >= 0 ? idAndName(id, requestName(c, id)) : std::string("raw ")) +
                    (id >= 0 ? fieldList(fields, trailing) : quoted(raw))));
     if (!standin_.send(c, raw)) fail(std::string("could not send on ") + connectionName(c));
+    last_content_.reset();
+    if (c == Connection::Dsmcc && id >= 131 && id <= 133) {
+        readContentReply(c);
+        return;
+    }
     if (c == Connection::DtvPlugins || c == Connection::VodPlugins || c == Connection::Dsmcc) {
         last_reply_ = standin_.readReply(c, kWaitMs);
         if (!last_reply_) {
@@ -561,6 +626,62 @@ void Run::browser(const Step& st) {
         std::vector<std::string> rf = splitFields(*last_reply_, &rest);
         emit(col(c) + "<- reply " + fieldList(rf, rest));
     }
+}
+
+// A carousel content reply: "kind|0|length|", exactly length payload bytes
+// (binary, zero bytes included), then the zero byte that ends every reply;
+// or "NOT_AVAILABLE|" and the zero byte. The header becomes the reply that
+// "expect reply" checks, the payload the content "expect content" checks.
+void Run::readContentReply(Connection c) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    auto left = [&] {
+        const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        return static_cast<int>(std::max<long long>(0, rest.count()));
+    };
+    auto noReply = [&](const std::string& got) {
+        emit(col(c) + "<- no complete reply (" + readStatusName(standin_.lastReadStatus(c)) + ")" +
+             (got.empty() ? "" : ", got " + quoted(got)));
+        last_reply_.reset();
+    };
+    // The header, a byte at a time so that nothing after it is taken early.
+    std::string header;
+    int bars = 0;
+    while (bars < 3) {
+        std::optional<std::string> b = standin_.readRaw(c, 1, left());
+        if (!b || b->empty()) return noReply(header);
+        header += *b;
+        if ((*b)[0] == '|') ++bars;
+        if ((*b)[0] == '\0') {
+            header.pop_back();
+            last_reply_ = header;
+            std::optional<std::string> rest;
+            emit(col(c) + "<- reply " + fieldList(splitFields(header, &rest), rest));
+            return;
+        }
+    }
+    std::vector<std::string> fields = splitFields(header);
+    long length = -1;
+    if (fields.size() == 3 && !fields[2].empty() &&
+        fields[2].find_first_not_of("0123456789") == std::string::npos && fields[2].size() < 10)
+        length = std::stol(fields[2]);
+    if (length < 0) fail("content reply header " + quoted(header) + " has no payload length");
+    std::string payload;
+    while (static_cast<long>(payload.size()) < length + 1) {
+        std::optional<std::string> b =
+            standin_.readRaw(c, static_cast<std::size_t>(length + 1) - payload.size(), left());
+        if (!b || b->empty()) return noReply(header + payload);
+        payload += *b;
+    }
+    if (payload.back() != '\0')
+        fail("content reply of " + std::to_string(length) + " bytes is not followed by a zero byte (got " +
+             quoted(payload.substr(payload.size() - 1)) + ")");
+    payload.pop_back();
+    last_reply_ = header;
+    last_content_ = payload;
+    const std::string shown = payload.substr(0, kShownPayload);
+    emit(col(c) + "<- reply " + fieldList(fields) + " + " + std::to_string(length) + " byte" +
+         (length == 1 ? "" : "s") + " " + quoted(shown) + (payload.size() > shown.size() ? "..." : ""));
 }
 
 void Run::expect(const Step& st) {
@@ -609,6 +730,48 @@ void Run::expect(const Step& st) {
         const int want = std::stoi(st.args.at(1));
         expectState(want);
         emit(std::string("check     state ") + stateName(want));
+    } else if (what == "result") {
+        const int want = std::stoi(st.args.at(1));
+        if (!last_result_) fail("no earlier portal, teletext, launch, keyset or key step returned a result");
+        if (*last_result_ != want)
+            fail("the last call returned " + std::to_string(*last_result_) + ", expected " +
+                 std::to_string(want));
+        emit("check     result " + std::to_string(want));
+    } else if (what == "keyset") {
+        const int want = std::stoi(st.args.at(1));
+        const int got = hbb_sim_registered_keyset();
+        if (got != want)
+            fail("the platform's registered key set is " + hex(got) + ", expected " + hex(want));
+        emit("check     registered key set " + hex(want));
+    } else if (what == "content") {
+        if (!last_content_) fail("the last browser step received no carousel content");
+        const std::string want = expand(st.tail.value_or(""));
+        if (*last_content_ != want)
+            fail("content is " + quoted(*last_content_) + " (" + std::to_string(last_content_->size()) +
+                 " bytes), expected " + quoted(want) + " (" + std::to_string(want.size()) + " bytes)");
+        emit("check     content " + std::to_string(want.size()) + " bytes, as expected");
+    } else if (what == "remote") {
+        if (!last_remote_) fail("no earlier key step");
+        const std::string want = st.tail.value_or("");
+        if (*last_remote_ != want)
+            fail("the remote-input service received " + quoted(*last_remote_) + ", expected " + quoted(want));
+        emit("check     remote-input bytes " + quoted(want));
+    } else if (what == "loaded") {
+        const std::string want = expand(st.tail.value_or(""));
+        if (!loaded_pages_.waitFor([&](const std::string& url) { return url == want; }, kWaitMs)) {
+            std::string seen;
+            for (const std::string& url : loaded_pages_.unclaimed()) seen += " " + quoted(url);
+            fail("the library took no page " + quoted(want) + " as loaded" +
+                 (seen.empty() ? "" : " (pages not yet matched:" + seen + ")"));
+        }
+        emit("check     the library took " + quoted(want) + " as the loaded page");
+    } else if (what == "portal") {
+        const int want = std::stoi(st.args.at(1));
+        const int got = __atomic_load_n(&is_portal_mode, __ATOMIC_ACQUIRE);
+        if ((got != 0) != (want != 0))
+            fail(std::string("portal mode is ") + (got ? "on" : "off") + ", expected " +
+                 (want ? "on" : "off"));
+        emit(std::string("check     portal mode ") + (want ? "on" : "off"));
     } else if (what == "reply") {
         if (!last_reply_) fail("no reply was received by an earlier browser step");
         std::optional<std::string> rest;
@@ -618,6 +781,60 @@ void Run::expect(const Step& st) {
         if (got != want) fail("reply is " + fieldList(got) + ", expected " + fieldList(want));
         emit("check     reply " + fieldList(want));
     }
+}
+
+// Shows the result of a call made by a step and keeps it for "expect result".
+void Run::callResult(int result) {
+    libraryResult(result);
+    last_result_ = result;
+}
+
+void Run::portal(const Step& st) {
+    if (st.args.at(0) == "open") {
+        std::string url = expand(st.tail.value_or(""));
+        libraryCall("openWebPortal(" + quoted(url) + ")   [the middleware's portal menu]");
+        callResult(openWebPortal(url.data()));
+    } else {
+        libraryCall("closeWebPortal()");
+        callResult(closeWebPortal());
+    }
+}
+
+void Run::teletext(const Step& st) {
+    const int state = std::stoi(st.args.at(0));
+    libraryCall("toggleTeletextApplication(" + std::to_string(state) + ")   [the middleware's TEXT key]");
+    callResult(toggleTeletextApplication(state));
+}
+
+void Run::launch(const Step& st) {
+    const int type = std::stoi(st.args.at(0));
+    std::string url = expand(st.tail.value_or(""));
+    const char* name = launchTypeName(type);
+    libraryCall("Hbbtv_AM_Launch_Application(" + std::to_string(type) +
+                (name ? std::string(" ") + name : "") + ", " + quoted(url) + ")");
+    callResult(Hbbtv_AM_Launch_Application(static_cast<eLaunchType>(type), url.data()));
+}
+
+void Run::keyset(const Step& st) {
+    const int mask = std::stoi(st.args.at(0));
+    const bool other = st.args.at(1) == "1";
+    int other_keys[1] = {0};  // the library only looks at whether a list is given
+    libraryCall("setKeySet(" + hex(mask) + ", " + (other ? "other-keys list" : "NULL") + ")");
+    callResult(setKeySet(mask, other ? other_keys : nullptr));
+    emit("receiver  key set registered with the platform: " + hex(hbb_sim_registered_keyset()));
+}
+
+void Run::key(const Step& st) {
+    const int key = std::stoi(st.args.at(0));
+    const std::string before = remote_.take(0);
+    if (!before.empty()) emit("remote    received before the step: " + quoted(before));
+    libraryCall("sendIrCmd(" + std::to_string(key) + ")   [remote-key injection]");
+    callResult(send_ir_cmd_(static_cast<uint16_t>(key)));
+    // Known keys arrive before the call returns; for others nothing comes.
+    last_remote_ = remote_.take(kSettleMs);
+    emit("remote    " + (last_remote_->empty() ? std::string("nothing received")
+                                               : "received " + quoted(*last_remote_) + " (" +
+                                                     std::to_string(last_remote_->size()) + " bytes)"));
 }
 
 void Run::close(const Step&) {
