@@ -8,12 +8,12 @@
 // every wait is bounded.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "loopback_server.h"
 
 namespace appmgr::emu {
 
@@ -34,7 +34,6 @@ public:
     };
 
     HttpStub() = default;
-    ~HttpStub();
     HttpStub(const HttpStub&) = delete;
     HttpStub& operator=(const HttpStub&) = delete;
 
@@ -59,15 +58,11 @@ public:
     static std::string contentType(const std::string& file);
 
 private:
-    void serve();
     void answer(int fd);
 
-    int listen_fd_ = -1;
-    int port_ = 0;
     Config config_;
     Trace trace_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    loopback::Server server_;  // last: stopped first, before the config goes
 };
 
 }  // namespace appmgr::emu

@@ -1,14 +1,13 @@
 #include "remote_input.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+
+#include "loopback_server.h"
 
 namespace appmgr::emu {
 
@@ -19,32 +18,9 @@ constexpr int kPollMs = 50;
 RemoteInputListener::~RemoteInputListener() { stop(); }
 
 bool RemoteInputListener::start(int port, std::string* error) {
-    listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listen_fd_ < 0) {
-        if (error) *error = std::string("socket: ") + std::strerror(errno);
-        return false;
-    }
-    // A connection of an earlier run left in TIME_WAIT must not block the
-    // port; a live listener still does.
-    int on = 1;
-    ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    socklen_t len = sizeof(addr);
-    if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-        ::listen(listen_fd_, 4) != 0 ||
-        ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-        const int e = errno;
-        if (error)
-            *error = "cannot listen on 127.0.0.1:" + std::to_string(port) + ": " + std::strerror(e) +
-                     (e == EADDRINUSE ? " (another program serves this port)" : "");
-        ::close(listen_fd_);
-        listen_fd_ = -1;
-        return false;
-    }
-    port_ = ntohs(addr.sin_port);
+    listen_fd_ = loopback::listenOn(&port, error);
+    if (listen_fd_ < 0) return false;
+    port_ = port;
     stop_ = false;
     thread_ = std::thread([this] { serve(); });
     return true;

@@ -10,8 +10,9 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "loopback_server.h"
 
 namespace appmgr::test {
 
@@ -24,11 +25,10 @@ struct HttpRequest {
 class HttpTestServer {
 public:
     explicit HttpTestServer(std::chrono::seconds lifetime = std::chrono::seconds(20));
-    ~HttpTestServer();
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
 
-    int port() const { return port_; }
+    int port() const { return server_.port(); }
     // "http://127.0.0.1:<port><path>"; path begins with "/".
     std::string url(const std::string& path) const;
 
@@ -56,20 +56,14 @@ private:
         std::string body;
     };
 
-    void run();
     void serve(int fd);
-    bool waitUntilStopped(std::chrono::steady_clock::time_point until) const;
 
-    int listen_fd_ = -1;
-    int wake_pipe_[2] = {-1, -1};
-    int port_ = 0;
-    std::chrono::steady_clock::time_point deadline_;
     mutable std::mutex mutex_;
     mutable std::condition_variable cv_;
     std::map<std::string, Script> scripts_;
     std::vector<HttpRequest> requests_;
     int connections_ = 0;
-    std::thread thread_;
+    loopback::Server server_;  // last: stopped first, before the scripts go
 };
 
 }  // namespace appmgr::test
