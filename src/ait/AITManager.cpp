@@ -305,12 +305,7 @@ APPMGR_API void aitUpdate(AitTable* ait) {
         autostart_app = nullptr;
         find_autostart_app(ait->apps, ait->app_lenght);
         if (autostart_app != nullptr) {
-            running_application_type = BROADCAST_RELATED;
-            char no_boundary[] = "no boundary";
-            send_command(59, autostart_app->app_boundary != nullptr ? autostart_app->app_boundary
-                                                                   : no_boundary);
-            if (application_create(autostart_app->transport_protocol->url))
-                update_running_application(autostart_app);
+            start_autostart_app();
         } else {
             AM_INFO("no autostart application available\n");
         }

@@ -230,14 +230,7 @@ void handle_application_load_error(char* app_url) {
     if (running_application == nullptr) {
         AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);
         find_autostart_app(current_ait.apps, current_ait.app_lenght);
-        if (autostart_app == nullptr) return;
-        running_application_type = BROADCAST_RELATED;
-        char no_boundary[] = "no boundary";
-        send_command(59, autostart_app->app_boundary != nullptr ? autostart_app->app_boundary
-                                                               : no_boundary);
-        if (autostart_app->transport_protocol != nullptr &&
-            application_create(autostart_app->transport_protocol->url))
-            update_running_application(autostart_app);
+        if (autostart_app != nullptr) start_autostart_app();
         return;
     }
     AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);

@@ -47,6 +47,13 @@ int handle_url(char* url);
 
 // Autostart and signalling.
 void runAutostartApplication(AitTable* ait);
+// Starts the entry find_autostart_app chose (autostart_app, non-null): the
+// boundary to the browser, then application_create and, when that starts,
+// the running record.
+void start_autostart_app(void);
+// A player page of the media-delivery service becomes the running
+// broadcast-independent application; the broadcast stops.
+void start_player_page(char* player_url);
 void find_autostart_app(Application* applications, int length);
 int check_running_application(AitTable* ait);
 int check_independent_application_signalling(AitTable* table);

@@ -23,6 +23,10 @@ void runAutostartApplication(AitTable* ait) {
         AM_INFO("no autostart application available\n");
         return;
     }
+    start_autostart_app();
+}
+
+void start_autostart_app(void) {
     running_application_type = BROADCAST_RELATED;
     char no_boundary[] = "no boundary";
     send_command(59, autostart_app->app_boundary != nullptr ? autostart_app->app_boundary

@@ -39,19 +39,6 @@ void stop_broadcast() {
     current_broadcast_state = VBOS_STOPPED;
 }
 
-// A player page of the media-delivery service becomes the running
-// broadcast-independent application.
-void start_player(char* player_url) {
-    copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), player_url);
-    application_manager_request_start();
-    running_application_type = BROADCAST_INDEPENDENT;
-    char no_boundary[] = "no boundary";
-    send_command(59, no_boundary);
-    update_running_application_as_independent(player_url);
-    loaded_application[0] = '\0';
-    stop_broadcast();
-}
-
 void start_error_page() {
     copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), kPortalErrorPage);
     application_manager_request_start();
@@ -67,6 +54,17 @@ void send_setting(int command, int value) {
 }  // namespace
 
 extern "C" {
+
+void start_player_page(char* player_url) {
+    copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), player_url);
+    application_manager_request_start();
+    running_application_type = BROADCAST_INDEPENDENT;
+    char no_boundary[] = "no boundary";
+    send_command(59, no_boundary);
+    update_running_application_as_independent(player_url);
+    loaded_application[0] = '\0';
+    stop_broadcast();
+}
 
 int hasTeletextApplication(void) { return has_teletext_application; }
 
@@ -131,7 +129,7 @@ APPMGR_API int openWebPortal(char* webPortalURL) {
     char player_url[1024] = {0};
     if (tvh_mds_get_player_url(webPortalURL, player_url, sizeof(player_url)) == 0) {
         player_url[sizeof(player_url) - 1] = '\0';
-        start_player(player_url);
+        start_player_page(player_url);
         show_with_all_keys();
         return 1;
     }

@@ -145,15 +145,7 @@ int handle_url(char* url) {
     char player_url[1024] = {0};
     if (tvh_mds_get_player_url(location, player_url, sizeof(player_url)) == 0) {
         player_url[sizeof(player_url) - 1] = '\0';
-        std::snprintf(hbbtv_start_url, sizeof(hbbtv_start_url), "%s", player_url);
-        application_manager_request_start();
-        running_application_type = BROADCAST_INDEPENDENT;
-        char no_boundary[] = "no boundary";
-        send_command(59, no_boundary);
-        update_running_application_as_independent(player_url);
-        loaded_application[0] = '\0';
-        hbbStopChannel();
-        current_broadcast_state = VBOS_STOPPED;
+        start_player_page(player_url);
         return 1;
     }
     if (parse_xml_ait(location)) {

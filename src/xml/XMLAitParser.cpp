@@ -307,17 +307,21 @@ void ParsedDocument::release() {
     lock_.unlock();
 }
 
-int start_downloaded_xml_ait(const char* data, int len, char* source_url) {
-    Application* app = nullptr;
-    {
-        ParsedDocument doc(data, len, kXmlAitDocumentUrl);
-        if (!doc.ok()) {
-            AM_ERROR("XML not parsed successfully \n\n");
-            return 0;
-        }
-        AM_INFO("XML parsed successfully \n\n");
-        app = read_single_application(doc.root());
+// Parses a document holding one application and reads it; the document is
+// released before the caller acts on the record (starting it can parse
+// again). Null when the text is not XML or holds no application.
+Application* read_application_document(const char* data, int len) {
+    ParsedDocument doc(data, len, kXmlAitDocumentUrl);
+    if (!doc.ok()) {
+        AM_ERROR("XML not parsed successfully \n\n");
+        return nullptr;
     }
+    AM_INFO("XML parsed successfully \n\n");
+    return read_single_application(doc.root());
+}
+
+int start_downloaded_xml_ait(const char* data, int len, char* source_url) {
+    Application* app = read_application_document(data, len);
     if (app == nullptr) return 0;
     log_application(app);
     if (app->organisation_id == 0 && app->app_id == 0 && app->app_profile == 0) {
@@ -435,16 +439,7 @@ int find_number_of_applications(xmlNode* node) {
 
 int ParseXmlAitFile(char* text, int length) {
     AM_INFO("ParseXmlAitFile start with nXMLAITFileLen:%d\n\n", length);
-    Application* app = nullptr;
-    {
-        ParsedDocument doc(text, length, appmgr::xml::kXmlAitDocumentUrl);
-        if (!doc.ok()) {
-            AM_ERROR("XML not parsed successfully \n\n");
-            return 0;
-        }
-        AM_INFO("XML parsed successfully \n\n");
-        app = read_single_application(doc.root());
-    }
+    Application* app = appmgr::xml::read_application_document(text, length);
     if (app == nullptr) return 0;
     log_application(app);
     start_xml_application(app);

@@ -108,6 +108,8 @@ private:
 // Application and, when its ids are set and the rating and version checks
 // pass, starts it. `source_url` is reported to the load-error handling.
 // 1 started, 0 otherwise.
+// Parses a document holding one application and reads it (null when none).
+Application* read_application_document(const char* data, int len);
 int start_downloaded_xml_ait(const char* data, int len, char* source_url);
 
 }  // namespace appmgr::xml

@@ -21,23 +21,6 @@ using appmgr::loopback::Request;
 using appmgr::loopback::Server;
 using Clock = std::chrono::steady_clock;
 
-// A client socket connected to 127.0.0.1:port whose reads give up after two
-// seconds; -1 when the connection fails.
-int connectTo(int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    timeval tv{2, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // True when the peer closes the connection (rather than the read timing out).
 bool closedByPeer(int fd) {
     char buf[64];
@@ -52,7 +35,7 @@ Request exchange(const std::vector<std::string>& pieces, std::size_t max_bytes) 
     std::string error;
     EXPECT_TRUE(server.start(0, [&](int fd) { got.set_value(server.readRequest(fd, max_bytes, 2s)); },
                              &error)) << error;
-    const int fd = connectTo(server.port());
+    const int fd = appmgr::loopback::connectTo(server.port());
     EXPECT_GE(fd, 0);
     for (const std::string& piece : pieces) {
         EXPECT_EQ(::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL), static_cast<ssize_t>(piece.size()));
@@ -103,7 +86,7 @@ TEST(LoopbackServer, StopEndsTheWaitsOfAHandlerAtOnce) {
             else
                 server.readRequest(fd, 1024, 30s);  // a client that never sends
         }, &error)) << error;
-        const int fd = connectTo(server.port());
+        const int fd = appmgr::loopback::connectTo(server.port());
         ASSERT_GE(fd, 0);
         for (int i = 0; i < 200 && !serving; ++i) std::this_thread::sleep_for(5ms);
         ASSERT_TRUE(serving);
@@ -119,14 +102,14 @@ TEST(LoopbackServer, ALifetimeEndsTheServerByItself) {
     Server server;
     std::string error;
     ASSERT_TRUE(server.start(0, [&](int) { server.waitForStop(); }, &error, 300ms)) << error;
-    const int fd = connectTo(server.port());
+    const int fd = appmgr::loopback::connectTo(server.port());
     ASSERT_GE(fd, 0);
     const auto t0 = Clock::now();
     EXPECT_TRUE(closedByPeer(fd));  // the handler's wait ended with the lifetime
     EXPECT_LT(Clock::now() - t0, 1500ms);
     ::close(fd);
     server.stop();
-    EXPECT_LT(connectTo(server.port()), 0);  // the listening socket is closed
+    EXPECT_LT(appmgr::loopback::connectTo(server.port()), 0);  // the listening socket is closed
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // bad file gets (with file and line). Nothing here starts the library.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include "loopback_server.h"
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -494,19 +496,6 @@ TEST_F(ScenarioFile, HttpRootServesFilesInsideItOnly) {
 
 // ---- the remote-input service stand-in ------------------------------------------
 
-int connectTo(int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 TEST(RemoteInputListener, CollectsCommandsAndRefusesATakenPort) {
     RemoteInputListener remote;
     std::string error;
@@ -514,7 +503,7 @@ TEST(RemoteInputListener, CollectsCommandsAndRefusesATakenPort) {
     ASSERT_GT(remote.port(), 0);
 
     EXPECT_EQ(remote.take(50), "");  // nothing yet: bounded wait, no bytes
-    int fd = connectTo(remote.port());
+    int fd = appmgr::loopback::connectTo(remote.port());
     ASSERT_GE(fd, 0);
     ASSERT_EQ(::send(fd, "key 1\n\0", 7, 0), 7);
     EXPECT_EQ(remote.take(2000), std::string("key 1\n\0", 7));
@@ -525,7 +514,7 @@ TEST(RemoteInputListener, CollectsCommandsAndRefusesATakenPort) {
     for (int i = 0; i < 20 && got.find('\0') == std::string::npos; ++i) got += remote.take(100);
     EXPECT_EQ(got, std::string("key up\n\0", 8));
     // A new connection replaces the old one.
-    int fd2 = connectTo(remote.port());
+    int fd2 = appmgr::loopback::connectTo(remote.port());
     ASSERT_GE(fd2, 0);
     ASSERT_EQ(::send(fd2, "key 0\n\0", 7, 0), 7);
     EXPECT_EQ(remote.take(2000), std::string("key 0\n\0", 7));

@@ -37,8 +37,6 @@ using namespace appmgr::standin;
 using namespace appmgr::emu;
 
 constexpr int kBuiltinLimitMs = 9000;
-constexpr int kConnectMs = 5000;  // the library's sockets must appear by then
-constexpr int kInitMs = 6000;     // first applicationManagerInit() must return by then
 constexpr int kFrameWaitMs = 2000;
 constexpr int kReplyMs = 2000;
 
@@ -63,27 +61,7 @@ void runBuiltinScenario() {
     std::vector<std::thread> readers;
 
     step("1. start-up: applicationManagerInit() waits for the browser; the stand-in connects");
-    libraryCall("applicationManagerInit()   [on its own thread]");
-    std::packaged_task<int()> first_init([] { return applicationManagerInit(); });
-    std::future<int> first_result = first_init.get_future();
-    std::thread init_thread(std::move(first_init));  // if it never returns, fail() ends the process
-
-    for (Connection c : kAllConnections) {
-        if (!standin.connect(c, kConnectMs))
-            fail(std::string("could not connect ") + connectionName(c) + ": " + standin.lastError(c));
-        emit(col(c) + "connected to " + standin.socketPath(c));
-    }
-    for (Connection c : {Connection::Application, Connection::Callbacks})
-        readers.emplace_back(readFrames, std::ref(standin), c, std::cref(stop_readers), std::ref(frames));
-
-    sendRequest(standin, Connection::Application, 83, {"1"});
-    if (first_result.wait_for(std::chrono::milliseconds(kInitMs)) != std::future_status::ready)
-        fail("timed out waiting for the first applicationManagerInit() to return");
-    int r = first_result.get();
-    init_thread.join();
-    libraryResult(r);
-    expectResult("applicationManagerInit()", r, 1);
-    expectState(APP_MANAGER_SUSPENDED);
+    startLibraryWithBrowser(standin, readers, stop_readers, frames);
 
     step("2. activation, User-Agent, time zone");
     callLibrary("applicationManagerInit()", [] { return applicationManagerInit(); }, 1);

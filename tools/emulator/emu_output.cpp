@@ -1,5 +1,11 @@
 #include "emu_output.h"
 
+#include "app_mgr.h"
+
+#include <thread>
+
+#include <future>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -159,6 +165,33 @@ void emitLogLine(const char* line) {
     for (char& ch : text)
         if (ch == '\n' || ch == '\r') ch = ' ';
     emit("log       " + text);
+}
+
+void startLibraryWithBrowser(standin::BrowserStandin& standin, std::vector<std::thread>& readers,
+                             const std::atomic<bool>& stop_readers, FrameLog& frames) {
+    constexpr int kConnectMs = 5000;  // the library's sockets must appear by then
+    constexpr int kInitMs = 6000;     // the first applicationManagerInit() must return by then
+    libraryCall("applicationManagerInit()   [on its own thread]");
+    std::packaged_task<int()> first_init([] { return applicationManagerInit(); });
+    std::future<int> first_result = first_init.get_future();
+    std::thread init_thread(std::move(first_init));  // if it never returns, fail() ends the process
+    for (Connection c : standin::kAllConnections) {
+        if (!standin.connect(c, kConnectMs))
+            fail(std::string("could not connect ") + standin::connectionName(c) + ": " +
+                 standin.lastError(c));
+        emit(col(c) + "connected to " + standin.socketPath(c));
+    }
+    for (Connection c : {Connection::Application, Connection::Callbacks})
+        readers.emplace_back(readFrames, std::ref(standin), c, std::cref(stop_readers),
+                             std::ref(frames));
+    sendRequest(standin, Connection::Application, 83, {"1"});
+    if (first_result.wait_for(std::chrono::milliseconds(kInitMs)) != std::future_status::ready)
+        fail("timed out waiting for the first applicationManagerInit() to return");
+    int r = first_result.get();
+    init_thread.join();
+    libraryResult(r);
+    expectResult("applicationManagerInit()", r, 1);
+    expectState(APP_MANAGER_SUSPENDED);
 }
 
 }  // namespace appmgr::emu

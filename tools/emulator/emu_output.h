@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "browser_standin.h"
@@ -144,6 +145,13 @@ void readFrames(standin::BrowserStandin& standin, Connection c, const std::atomi
 // Shows and sends a browser request "id|fields|"; fails when it cannot be sent.
 void sendRequest(standin::BrowserStandin& standin, Connection c, int id,
                  const std::vector<std::string>& fields);
+
+// The first applicationManagerInit() on a thread of its own while the
+// stand-in connects all five sockets, starts a frame reader on
+// "Application" and "Callbacks" and reports the browser present (83|1|);
+// fails unless the call returns 1 and leaves the library suspended.
+void startLibraryWithBrowser(standin::BrowserStandin& standin, std::vector<std::thread>& readers,
+                             const std::atomic<bool>& stop_readers, FrameLog& frames);
 
 // Platform trace hook: "platform  name(details)".
 void onPlatformCall(const char* function, const char* details, void* user);

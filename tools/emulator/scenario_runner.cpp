@@ -1,6 +1,5 @@
 #include "scenario_runner.h"
 
-#include <dlfcn.h>
 
 #include <atomic>
 #include <chrono>
@@ -28,8 +27,6 @@ namespace {
 
 using namespace appmgr::standin;
 
-constexpr int kConnectMs = 5000;
-constexpr int kInitMs = 6000;
 constexpr int kWaitMs = 2000;   // expected frames, decisions and replies
 constexpr int kSettleMs = 300;  // before checking that something did not happen
 constexpr int kQuietMs = 30;    // frames still arriving after a step (see settle())
@@ -37,7 +34,6 @@ constexpr std::size_t kShownPayload = 160;  // payload bytes shown of a content 
 
 // The library's key injection (KeySetImpl): looked up at run time, since the
 // shared object need not export it.
-using SendIrCmdFn = int (*)(uint16_t);
 
 const char* const kUserAgentHead =
     "Mozilla/5.0 (Linux; appmgr-emu) AppleWebKit/537.36 (KHTML, like Gecko) HbbTV/";
@@ -244,7 +240,6 @@ private:
     std::optional<int> last_result_;           // of the last portal/teletext/launch/keyset/key step
     std::optional<std::string> last_remote_;   // bytes the remote-input service got in the last key step
     RemoteInputListener remote_;
-    SendIrCmdFn send_ir_cmd_ = nullptr;
     bool closed_ = false;
 };
 
@@ -434,10 +429,6 @@ void Run::setUp() {
             fail("remote-input service stand-in: " + error +
                  "; the key steps need this port (the shipped library's port is fixed)");
         emit("remote    remote-input service listening on 127.0.0.1:" + std::to_string(remote_.port()));
-        send_ir_cmd_ = reinterpret_cast<SendIrCmdFn>(dlsym(RTLD_DEFAULT, "sendIrCmd"));
-        if (!send_ir_cmd_)
-            unsupported("the scenario injects keys, but libapp-mgr.so does not export sendIrCmd, so no "
-                        "caller outside the library can reach key injection");
     }
 }
 
@@ -449,26 +440,7 @@ bool Run::usesStep(const std::string& kind) const {
 
 void Run::startUp() {
     step("start-up: applicationManagerInit() waits for the browser; the stand-in connects");
-    libraryCall("applicationManagerInit()   [on its own thread]");
-    std::packaged_task<int()> first_init([] { return applicationManagerInit(); });
-    std::future<int> first_result = first_init.get_future();
-    std::thread init_thread(std::move(first_init));
-    for (Connection c : kAllConnections) {
-        if (!standin_.connect(c, kConnectMs))
-            fail(std::string("could not connect ") + connectionName(c) + ": " + standin_.lastError(c));
-        emit(col(c) + "connected to " + standin_.socketPath(c));
-    }
-    for (Connection c : {Connection::Application, Connection::Callbacks})
-        readers_.emplace_back(readFrames, std::ref(standin_), c, std::cref(stop_readers_),
-                              std::ref(frames_));
-    sendRequest(standin_, Connection::Application, 83, {"1"});
-    if (first_result.wait_for(std::chrono::milliseconds(kInitMs)) != std::future_status::ready)
-        fail("timed out waiting for the first applicationManagerInit() to return");
-    int r = first_result.get();
-    init_thread.join();
-    libraryResult(r);
-    expectResult("applicationManagerInit()", r, 1);
-    expectState(APP_MANAGER_SUSPENDED);
+    startLibraryWithBrowser(standin_, readers_, stop_readers_, frames_);
 
     step("activation, start/stop callbacks, terminal version");
     callLibrary(
@@ -829,7 +801,7 @@ void Run::key(const Step& st) {
     const std::string before = remote_.take(0);
     if (!before.empty()) emit("remote    received before the step: " + quoted(before));
     libraryCall("sendIrCmd(" + std::to_string(key) + ")   [remote-key injection]");
-    callResult(send_ir_cmd_(static_cast<uint16_t>(key)));
+    callResult(sendIrCmd(static_cast<uint16_t>(key)));
     // Known keys arrive before the call returns; for others nothing comes.
     last_remote_ = remote_.take(kSettleMs);
     emit("remote    " + (last_remote_->empty() ? std::string("nothing received")

@@ -18,6 +18,9 @@ int listenOn(int* port, std::string* error);
 
 // Writes all of data; false when the peer has gone.
 bool sendAll(int fd, const std::string& data);
+// A client connection to 127.0.0.1:port whose receives give up after
+// receive_timeout_ms (0: block); -1 when the connection fails.
+int connectTo(int port, int receive_timeout_ms = 2000);
 
 struct Request {
     std::string method;  // "GET"; empty when the request line is malformed
