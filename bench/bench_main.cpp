@@ -13,10 +13,11 @@
 
 #include "ait_builder.h"
 #include "app_mgr.h"
-#include "app_mgr_state.h"
 #include "browser_standin.h"
 #include "common/seams.h"
-#include "core/core_internal.h"
+#include "ait/ait.h"
+#include "core/core.h"
+#include "state/state.h"
 #include "hbb_sim.h"
 #include "parse_ini.h"
 
@@ -112,7 +113,7 @@ std::vector<appmgr::test::AppSpec> apps(int n) {
 void BM_AitIntake(benchmark::State& state) {
     hbb_sim_set_log_stderr(0);
     initAitGuard();
-    appmgr_state = APP_MANAGER_SUSPENDED;
+    appmgr::state::set_library(APP_MANAGER_SUSPENDED);
     appmgr::test::OwnedAit ait(16, "dvb://1.2.3", apps(static_cast<int>(state.range(0))));
     for (auto _ : state) aitUpdate(ait.get());
     clear_current_ait();
@@ -122,9 +123,8 @@ BENCHMARK(BM_AitIntake)->Arg(1)->Arg(8)->Arg(64);
 // The autostart choice over N entries.
 void BM_FindAutostart(benchmark::State& state) {
     hbb_sim_set_log_stderr(0);
-    teminal_version_major = 1;
-    teminal_version_minor = 7;
-    teminal_version_micro = 1;
+    appmgr::state::ManagerLock lock;
+    appmgr::state::set_terminal_version({1, 7, 1});
     appmgr::test::OwnedAit ait(16, "dvb://1.2.3", apps(static_cast<int>(state.range(0))));
     for (auto _ : state) find_autostart_app(ait->apps, ait->app_lenght);
 }

@@ -78,6 +78,9 @@ APPMGR_API int unlockAitGuard(void);
 APPMGR_API void aitUpdate(AitTable* ait);
 /* Application type (16 HbbTV, 18 DTG) of the current AIT. */
 APPMGR_API AitTableApplicationType getCurrentAitTableApplicationType(void);
+/* Takes a table version as the current one when it is newer (5-bit
+ * versions: 31 -> 0 counts as newer): 1 newer, 0 not. */
+APPMGR_API int check_version(int version);
 /* Locator of the service that carried the current AIT (the library's buffer). */
 APPMGR_API char* get_current_dvb_url(void);
 /* A change of service (the new channel, borrowed for the call). */

@@ -218,6 +218,13 @@ typedef struct KeySet {
     int maximumValue;
 } KeySet;
 
+/* One entry of the remote-control key map: a key number and the command
+ * line (newline included) sent to the remote-input service. */
+typedef struct KeyCode {
+    uint16_t key;
+    const char* rccode;
+} KeyCode;
+
 /* URL classes of check_url_type. */
 typedef enum {
     UNKNOWN_URL_TYPE = 0,

@@ -1,10 +1,15 @@
-// Byte transport between the library and the browser: one UNIX-domain stream
-// socket per logical connection, each served by its own receiving thread.
+// One UNIX-domain stream socket per logical connection, each served by its
+// own receive thread.
 //
-// Stopping: a receiving thread never blocks in accept() or recv() directly.
-// It first polls the socket together with the read end of a per-messenger
-// wake-up pipe; messenger_stop() writes to the pipe and joins the thread, so
-// a thread is never cancelled while it holds a lock or is inside a callback.
+// Receive threads never block in accept(), recv() or send() directly: they
+// poll the socket together with the read end of a per-messenger wake-up
+// pipe. messenger_stop() shuts the socket down, writes to the pipe and joins
+// the thread, so a thread is never cancelled and a close never waits behind
+// a browser that does not read.
+//
+// Senders never block either (see connection.h): a frame is written with
+// non-blocking sends; what the socket cannot take is queued and written by
+// the receive thread when the socket becomes writable again.
 #include "connection/messenger_internal.h"
 
 #include <fcntl.h>
@@ -15,29 +20,49 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 
 #include "app_mgr.h"
-#include "common/atomic_state.h"
 #include "common/log.h"
-#include "common/seams.h"
-#include "lifecycle_internal.h"
+#include "connection/connection.h"
 
 namespace appmgr::messenger {
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr int kReceiveBufferSize = 4096;
 constexpr int kListenBacklog = 20;
 constexpr std::size_t kMaxPathLength = 107;
 
-// Per-messenger stop control, kept beside the C record (whose layout is
-// fixed) and looked up by address.
+template <typename T>
+T load(const T& v) {
+    return __atomic_load_n(&v, __ATOMIC_ACQUIRE);
+}
+template <typename T>
+void store(T& v, T value) {
+    __atomic_store_n(&v, value, __ATOMIC_RELEASE);
+}
+
+// Per-messenger control, kept beside the C record (whose layout is fixed)
+// and looked up by address: the stop request, the wake-up pipe and the
+// frames waiting for the browser to read.
 struct Control {
     int wake[2] = {-1, -1};
     std::atomic<bool> stopping{false};
+
+    std::mutex out_mutex;  // guards everything below, and the fd while sending
+    std::deque<std::string> queue;
+    std::size_t front_written = 0;  // bytes of queue.front() already sent
+    std::size_t queued_bytes = 0;
+    Clock::time_point last_progress;
+
     ~Control() {
         for (int fd : wake)
             if (fd >= 0) ::close(fd);
@@ -71,28 +96,108 @@ bool stop_requested(const Messenger_t* m) {
     return control && control->stopping.load();
 }
 
-void set_fd(Messenger_t* m, int fd) { atomic_set(m->s_msg_connection, fd); }
+void wake(Control& control) {
+    char byte = 1;
+    ssize_t ignored = ::write(control.wake[1], &byte, 1);  // a full pipe is awake already
+    (void)ignored;
+}
 
-enum class Wait { Readable, Stopped, Failed };
-
-// Blocks until fd is readable or the messenger is asked to stop.
-Wait wait_readable(const Messenger_t* m, int fd) {
-    auto control = find_control(m);
-    pollfd fds[2] = {{fd, POLLIN, 0}, {control ? control->wake[0] : -1, POLLIN, 0}};
-    for (;;) {
-        if (control && control->stopping.load()) return Wait::Stopped;
-        int r = ::poll(fds, 2, -1);
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            return Wait::Failed;
-        }
-        if (fds[1].revents != 0) return Wait::Stopped;
-        if (fds[0].revents != 0) return Wait::Readable;
+void drain(Control& control) {
+    char bytes[64];
+    while (::read(control.wake[0], bytes, sizeof(bytes)) > 0) {
     }
 }
 
-void sem_wait_retry(sem_t* s) {
-    while (::sem_wait(s) != 0 && errno == EINTR) {
+void set_fd(Messenger_t* m, int fd) { store(m->s_msg_connection, fd); }
+
+long millis_since(Clock::time_point t) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+enum class Write { Done, Pending, Failed };
+
+// Writes as much of `bytes` as the socket takes now. *written is advanced.
+Write write_some(int fd, const char* bytes, std::size_t length, std::size_t* written) {
+    while (*written < length) {
+        ssize_t n = ::send(fd, bytes + *written, length - *written, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            *written += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Write::Pending;
+        return Write::Failed;
+    }
+    return Write::Done;
+}
+
+// Writes queued frames; control.out_mutex must be held.
+Write flush_locked(Control& control, int fd) {
+    while (!control.queue.empty()) {
+        const std::string& front = control.queue.front();
+        const std::size_t before = control.front_written;
+        Write w = write_some(fd, front.data(), front.size(), &control.front_written);
+        if (control.front_written != before) control.last_progress = Clock::now();
+        if (w != Write::Done) return w;
+        control.queued_bytes -= front.size();
+        control.queue.pop_front();
+        control.front_written = 0;
+    }
+    return Write::Done;
+}
+
+void clear_queue_locked(Control& control) {
+    control.queue.clear();
+    control.front_written = 0;
+    control.queued_bytes = 0;
+}
+
+// Sending on a messenger that was never started has no queue: the frame
+// goes out with non-blocking sends and whatever does not fit fails.
+ErrorType_t send_unqueued(Messenger_t* m, const char* bytes, std::size_t length) {
+    int fd = load(m->s_msg_connection);
+    std::size_t written = 0;
+    if (fd < 0) return RET_ERROR;
+    return write_some(fd, bytes, length, &written) == Write::Done ? RET_OK : RET_ERROR;
+}
+
+enum class Event { Readable, Stopped, Stalled, Failed };
+
+// Blocks until fd is readable, the messenger is asked to stop, or queued
+// frames have waited too long; writes queued frames as the socket allows.
+Event wait_event(const Messenger_t* m, int fd) {
+    auto control = find_control(m);
+    for (;;) {
+        if (control && control->stopping.load()) return Event::Stopped;
+        bool pending = false;
+        int timeout = -1;
+        if (control) {
+            std::lock_guard<std::mutex> lock(control->out_mutex);
+            pending = !control->queue.empty();
+            if (pending) {
+                long left = connection::kStallMillis - millis_since(control->last_progress);
+                timeout = left > 0 ? static_cast<int>(left) : 0;
+            }
+        }
+        pollfd fds[2] = {{fd, static_cast<short>(POLLIN | (pending ? POLLOUT : 0)), 0},
+                         {control ? control->wake[0] : -1, POLLIN, 0}};
+        int r = ::poll(fds, 2, timeout);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            return Event::Failed;
+        }
+        if (fds[1].revents != 0) {
+            drain(*control);
+            continue;
+        }
+        if (control && (r == 0 || (fds[0].revents & POLLOUT) != 0)) {
+            std::lock_guard<std::mutex> lock(control->out_mutex);
+            if (flush_locked(*control, fd) == Write::Failed) return Event::Failed;
+            if (!control->queue.empty() && millis_since(control->last_progress) >= connection::kStallMillis)
+                return Event::Stalled;
+        }
+        if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) return Event::Readable;
     }
 }
 
@@ -101,7 +206,7 @@ int new_stream_socket() { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0
 bool fill_address(const Messenger_t* m, sockaddr_un* addr, std::string* path) {
     std::memset(addr, 0, sizeof(*addr));
     addr->sun_family = AF_UNIX;
-    *path = socket_path(m->msg_port);
+    *path = connection::socket_path(m->msg_port);
     std::strncpy(addr->sun_path, path->c_str(), kMaxPathLength);
     return !path->empty();
 }
@@ -110,31 +215,23 @@ void unlink_path(const std::string& path) {
     if (!path.empty()) ::unlink(path.c_str());
 }
 
-// Receives one block and hands it to the callback. Returns false when the
-// receiving loop must end.
-enum class Received { Delivered, Closed, Exit, GuardFailure };
+enum class Received { Delivered, Closed, Exit };
 
-Received receive_one(Messenger_t* m, int fd, bool take_guard, bool log_block) {
+// Receives one block and hands it to the callback.
+Received receive_one(Messenger_t* m, int fd, bool log_block) {
     // One spare byte keeps even a full 4096-byte block terminated for the
     // handlers' text parsing; the terminator is not counted in the length.
     char buffer[kReceiveBufferSize + 1];
     std::memset(buffer, 0, sizeof(buffer));
     ssize_t n;
     do {
-        n = ::recv(fd, buffer, kReceiveBufferSize, 0);
+        n = ::recv(fd, buffer, kReceiveBufferSize, MSG_DONTWAIT);
     } while (n < 0 && errno == EINTR);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Received::Delivered;
     if (n <= 0) return Received::Closed;
 
     if (log_block) AM_INFO("msg_task received -> %s", buffer);
-    if (take_guard && !lockAitGuard()) {
-        AM_ERROR("Error: lockAitGuard failed !");
-        return Received::GuardFailure;
-    }
     int result = m->cb_func ? m->cb_func(m, buffer, static_cast<int>(n)) : 0;
-    if (take_guard && !unlockAitGuard()) {
-        AM_ERROR("Error: unlockAitGuard failed !");
-        return Received::GuardFailure;
-    }
     if (result != 0) {
         AM_INFO("MESSENGER-TASK: exiting!");
         return Received::Exit;
@@ -144,26 +241,9 @@ Received receive_one(Messenger_t* m, int fd, bool take_guard, bool log_block) {
 
 }  // namespace
 
-std::string socket_path(int port) {
-    const char* file = nullptr;
-    switch (port) {
-        case 9513: file = "UNIX_APP.domain"; break;
-        case 9514: file = "UNIX_H_PLUIN.domain"; break;
-        case 9515: file = "UNIX_DSMCC.domain"; break;
-        case 9516: file = "UNIX_CB.domain"; break;
-        case 9517: file = "UNIX_C_PLUIN.domain"; break;
-        default:
-            AM_ERROR("Unknown message port\n!");
-            return std::string();
-    }
-    std::string path = seams::socket_dir() + file;
-    if (path.size() > kMaxPathLength) path.resize(kMaxPathLength);
-    return path;
-}
-
-MessengerState_t state(const Messenger_t* m) { return atomic_get(m->state); }
-void set_state(Messenger_t* m, MessengerState_t s) { atomic_set(m->state, s); }
-int connection_fd(const Messenger_t* m) { return atomic_get(m->s_msg_connection); }
+MessengerState_t state(const Messenger_t* m) { return load(m->state); }
+void set_state(Messenger_t* m, MessengerState_t s) { store(m->state, s); }
+int connection_fd(const Messenger_t* m) { return load(m->s_msg_connection); }
 
 }  // namespace appmgr::messenger
 
@@ -195,25 +275,20 @@ APPMGR_API ErrorType_t messenger_start(Messenger_t* d_msg) {
         AM_ERROR("MESSENGER: cannot create the stop pipe (%d)", errno);
         return RET_ERROR;
     }
-    if (d_msg->msg_type == MESSENGER_TYPE_CLIENT) {
-        if (messenger_connect_client(d_msg) != 0) {
-            drop_control(d_msg);
-            return RET_ERROR;
-        }
-        int err = ::pthread_create(&d_msg->t_msg_dispatcher, nullptr, manager_msg_task, d_msg);
-        if (err != 0) {
-            AM_ERROR("MESSENGER: msg_task error (%d)", err);
-            d_msg->t_msg_dispatcher = 0;
-            messenger_close_connection(d_msg);
-            drop_control(d_msg);
-            return RET_ERROR;
-        }
-        return RET_OK;
+    const bool client = d_msg->msg_type == MESSENGER_TYPE_CLIENT;
+    if (client && messenger_connect_client(d_msg) != 0) {
+        drop_control(d_msg);
+        return RET_ERROR;
     }
-    int err = ::pthread_create(&d_msg->t_msg_dispatcher, nullptr, manager_srv_task, d_msg);
+    int err = ::pthread_create(&d_msg->t_msg_dispatcher, nullptr,
+                               client ? manager_msg_task : manager_srv_task, d_msg);
     if (err != 0) {
-        AM_ERROR("MESSENGER: srv_task error (%d)", err);
+        if (client)
+            AM_ERROR("MESSENGER: msg_task error (%d)", err);
+        else
+            AM_ERROR("MESSENGER: srv_task error (%d)", err);
         d_msg->t_msg_dispatcher = 0;
+        messenger_close_connection(d_msg);
         drop_control(d_msg);
         return RET_ERROR;
     }
@@ -225,9 +300,13 @@ APPMGR_API ErrorType_t messenger_stop(Messenger_t* d_msg) {
     auto control = find_control(d_msg);
     if (control) {
         control->stopping = true;
-        char byte = 1;
-        ssize_t ignored = ::write(control->wake[1], &byte, 1);
-        (void)ignored;
+        {
+            // A receive thread inside recv() or a callback returns at once.
+            std::lock_guard<std::mutex> lock(control->out_mutex);
+            int fd = connection_fd(d_msg);
+            if (fd >= 0) ::shutdown(fd, SHUT_RDWR);
+        }
+        wake(*control);
     }
     pthread_t thread = d_msg->t_msg_dispatcher;
     if (thread != 0) {
@@ -242,7 +321,7 @@ APPMGR_API ErrorType_t messenger_stop(Messenger_t* d_msg) {
     messenger_close_connection(d_msg);
     // A server stopped while listening leaves no socket file behind.
     if (d_msg->msg_type != MESSENGER_TYPE_CLIENT && control)
-        unlink_path(socket_path(d_msg->msg_port));
+        unlink_path(appmgr::connection::socket_path(d_msg->msg_port));
     drop_control(d_msg);
     return RET_OK;
 }
@@ -250,27 +329,53 @@ APPMGR_API ErrorType_t messenger_stop(Messenger_t* d_msg) {
 APPMGR_API ErrorType_t messenger_send(Messenger_t* d_msg, void* data, unsigned int length) {
     if (d_msg == nullptr || (data == nullptr && length != 0)) return RET_ERROR;
     if (state(d_msg) != MESSENGER_STATE_STARTED) return RET_ERROR;
-    sem_wait_retry(&d_msg->sem_send);
-    int fd = connection_fd(d_msg);
-    ssize_t sent = fd >= 0 ? ::send(fd, data, length, MSG_NOSIGNAL) : -1;
-    ::sem_post(&d_msg->sem_send);
-    // One send call; a short send is not retried.
-    return sent < 0 ? RET_ERROR : RET_OK;
+    const char* bytes = static_cast<const char*>(data);
+    auto control = find_control(d_msg);
+    if (!control) return send_unqueued(d_msg, bytes, length);
+
+    bool notify = false;
+    {
+        std::lock_guard<std::mutex> lock(control->out_mutex);
+        const int fd = connection_fd(d_msg);
+        if (fd < 0 || flush_locked(*control, fd) == Write::Failed) return RET_ERROR;
+        std::size_t written = 0;
+        if (control->queue.empty()) {
+            if (write_some(fd, bytes, length, &written) == Write::Failed) return RET_ERROR;
+            if (written == length) return RET_OK;
+        }
+        const std::size_t rest = length - written;
+        const bool fits = control->queued_bytes + rest <= appmgr::connection::kQueueLimitBytes ||
+                          control->queue.empty();
+        if (!fits) {
+            AM_ERROR("MESSENGER(%s): browser is not reading, frame of %u bytes dropped "
+                     "(%zu bytes wait)", d_msg->name, length, control->queued_bytes);
+            return RET_ERROR;
+        }
+        if (control->queue.empty()) control->last_progress = Clock::now();
+        control->queue.emplace_back(bytes + written, rest);
+        control->queued_bytes += rest;
+        notify = true;
+    }
+    // The receive thread now also watches for the socket becoming writable.
+    if (notify) wake(*control);
+    return RET_OK;
 }
 
 APPMGR_API void messenger_close_connection(Messenger_t* d_msg) {
     if (d_msg == nullptr) return;
+    auto control = find_control(d_msg);
     ::pthread_mutex_lock(&d_msg->close_mutex);
-    int fd = connection_fd(d_msg);
-    if (fd != -1) {
-        // Shutting down first wakes a sender blocked in send(); taking the
-        // send semaphore then waits for it to leave before the descriptor is
-        // closed, so no sender ever writes to a reused descriptor.
-        ::shutdown(fd, SHUT_RDWR);
-        sem_wait_retry(&d_msg->sem_send);
-        ::close(fd);
-        set_fd(d_msg, -1);
-        ::sem_post(&d_msg->sem_send);
+    {
+        // No sender may be using the descriptor while it is closed.
+        std::unique_lock<std::mutex> out;
+        if (control) out = std::unique_lock<std::mutex>(control->out_mutex);
+        int fd = connection_fd(d_msg);
+        if (fd != -1) {
+            ::shutdown(fd, SHUT_RDWR);
+            ::close(fd);
+            set_fd(d_msg, -1);
+        }
+        if (control) clear_queue_locked(*control);
     }
     set_state(d_msg, MESSENGER_STATE_STOPPED);
     ::pthread_mutex_unlock(&d_msg->close_mutex);
@@ -305,7 +410,7 @@ int messenger_setup_server(Messenger_t* d_msg) {
     }
 
     int client = -1;
-    if (wait_readable(d_msg, fd) == Wait::Readable)
+    if (wait_event(d_msg, fd) == Event::Readable)
         client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
     // Only one client is served per set-up: the listening socket goes at once.
     messenger_close_connection(d_msg);
@@ -347,7 +452,8 @@ void* manager_srv_task(void* arg) {
     if (messenger_setup_server(d_msg) != 0 && !stop_requested(d_msg))
         AM_ERROR("MESSENGER-TASK-SERVER: Server error");
     set_state(d_msg, MESSENGER_STATE_STARTED);
-    const bool plugins = std::strstr(d_msg->name, "Plugins") != nullptr;
+    const appmgr::connection::ConnectionSpec* spec =
+        appmgr::connection::spec_for_port(d_msg->msg_port);
 
     for (;;) {
         int fd = connection_fd(d_msg);
@@ -355,17 +461,21 @@ void* manager_srv_task(void* arg) {
             if (!stop_requested(d_msg)) AM_ERROR("MESSENGER-TASK: Invalid socket");
             break;
         }
-        Wait w = wait_readable(d_msg, fd);
-        if (w == Wait::Stopped) break;
-        Received r = w == Wait::Readable ? receive_one(d_msg, fd, plugins, true) : Received::Closed;
-        if (r == Received::Delivered) continue;
-        if (r == Received::Exit) break;
-        if (r == Received::GuardFailure) return nullptr;
-
+        Event e = wait_event(d_msg, fd);
+        if (e == Event::Stopped) break;
+        if (e == Event::Readable) {
+            Received r = receive_one(d_msg, fd, true);
+            if (r == Received::Delivered) continue;
+            if (r == Received::Exit) break;
+        }
         if (stop_requested(d_msg)) break;
-        AM_ERROR("MESSENGER-TASK-SERVER: socket closed (%s)", d_msg->name);
+        if (e == Event::Stalled)
+            AM_ERROR("MESSENGER-TASK-SERVER: browser stopped reading (%s)", d_msg->name);
+        else
+            AM_ERROR("MESSENGER-TASK-SERVER: socket closed (%s)", d_msg->name);
         messenger_close_connection(d_msg);
-        if (std::strcmp(d_msg->name, "Application") == 0) appmgr::lifecycle::on_browser_crashed();
+        if (spec != nullptr && spec->on_peer_lost == appmgr::connection::PeerLost::BrowserCrashed)
+            appmgr::connection::browser_lost();
         if (messenger_setup_server(d_msg) == 0) continue;
         if (!stop_requested(d_msg)) AM_ERROR("MESSENGER-TASK-SERVER: Server error");
         break;
@@ -384,11 +494,14 @@ void* manager_msg_task(void* arg) {
             AM_ERROR("MESSENGER-TASK: Invalid socket");
             break;
         }
-        Wait w = wait_readable(d_msg, fd);
-        if (w == Wait::Stopped) break;
-        Received r = w == Wait::Readable ? receive_one(d_msg, fd, false, false) : Received::Closed;
-        if (r == Received::Delivered) continue;
-        if (r == Received::Closed && !stop_requested(d_msg))
+        Event e = wait_event(d_msg, fd);
+        if (e == Event::Stopped) break;
+        if (e == Event::Readable) {
+            Received r = receive_one(d_msg, fd, false);
+            if (r == Received::Delivered) continue;
+            if (r == Received::Exit) break;
+        }
+        if (!stop_requested(d_msg))
             AM_ERROR("MESSENGER-TASK-CLIENT: socket closed (%s)", d_msg->name);
         break;
     }

@@ -1,8 +1,7 @@
 // Socket transport internals: the server/client set-up and the receiving
-// thread bodies. Only the messenger and its tests use these directly.
+// thread bodies. Private to this folder (and its tests); the folder's
+// interface is connection.h, the exported messenger_* calls are in app_mgr.h.
 #pragma once
-
-#include <string>
 
 #include "app_mgr_types.h"
 
@@ -14,9 +13,6 @@ void* manager_msg_task(void* d_msg);
 }
 
 namespace appmgr::messenger {
-
-// Socket path of a logical port ("" for an unknown port), at most 107 chars.
-std::string socket_path(int port);
 
 // Thread-safe accessors of the fields that the sending, closing and
 // receiving threads share.

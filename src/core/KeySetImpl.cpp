@@ -22,16 +22,38 @@
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
-#include "common/atomic_state.h"
+#include "common/c_api.h"
 #include "common/log.h"
 #include "common/seams.h"
-#include "core/core_internal.h"
-#include "core/keyset_internal.h"
+#include "core/core.h"
 #include "hbb_platform.h"
+#include "protocol/protocol.h"
+#include "state/state.h"
+
+namespace state = appmgr::state;
+
+extern "C" {
+// The remote-input service's port and the key map, in table order, ended by
+// key 0. Only key numbers up to 255 can be looked up (map_key takes 8 bits),
+// so the entries above 255 never match.
+APPMGR_API extern const unsigned short dfb_remote_port = 3585;
+APPMGR_API extern const KeyCode keycodes[27] = {
+    {10, "key 0\n"},          {1, "key 1\n"},         {2, "key 2\n"},
+    {3, "key 3\n"},           {4, "key 4\n"},         {5, "key 5\n"},
+    {6, "key 6\n"},           {7, "key 7\n"},         {8, "key 8\n"},
+    {9, "key 9\n"},           {40, "function key 8\n"}, {43, "function key 7\n"},
+    {41, "function key 6\n"}, {42, "function key 5\n"}, {22, "key up\n"},
+    {23, "key down\n"},       {24, "key left\n"},     {25, "key right\n"},
+    {37, "key back\n"},       {485, "key pause\n"},   {21, "key return\n"},
+    {365, "key rewind\n"},    {366, "key fast fwd\n"}, {363, "key play\n"},
+    {364, "key stop\n"},      {191, "key subtitle\n"}, {0, nullptr},
+};
+// The socket to the remote-input service, -1 when not open (written under
+// the remote-input mutex).
+APPMGR_API int remote_key_socket_fd = -1;
+}
 
 namespace {
-
-constexpr int kCmdHandleKeySet = 220;
 
 // Key-group masks.
 constexpr int kKeySetEnd = 0x800;          // first mask that is not valid
@@ -42,72 +64,37 @@ constexpr int kBeforeActivation = 0x1F;    // colour keys and navigation
 constexpr int kConnectMillis = 1000;
 constexpr int kWriteMillis = 1000;
 
-struct KeyCode {
-    uint16_t key;
-    const char* rccode;  // command line, newline included
-};
+int send_ir_command(uint16_t key);
 
-// Key numbers and their remote-input commands, ended by key 0.
-constexpr KeyCode kKeyCodes[] = {
-    {10, "key 0\n"},
-    {1, "key 1\n"},
-    {2, "key 2\n"},
-    {3, "key 3\n"},
-    {4, "key 4\n"},
-    {5, "key 5\n"},
-    {6, "key 6\n"},
-    {7, "key 7\n"},
-    {8, "key 8\n"},
-    {9, "key 9\n"},
-    {40, "function key 8\n"},
-    {43, "function key 7\n"},
-    {41, "function key 6\n"},
-    {42, "function key 5\n"},
-    {22, "key up\n"},
-    {23, "key down\n"},
-    {24, "key left\n"},
-    {25, "key right\n"},
-    {37, "key back\n"},
-    {485, "key pause\n"},
-    {21, "key return\n"},
-    {365, "key rewind\n"},
-    {366, "key fast fwd\n"},
-    {363, "key play\n"},
-    {364, "key stop\n"},
-    {191, "key subtitle\n"},
-    {0, nullptr},
-};
-
-// ---- key-set state -------------------------------------------------------
-
-// Guards g_key_set and g_activate_value, and keeps the browser and the
-// platform told in the same order as the state changes.
-std::mutex g_key_set_mutex;
-KeySet g_key_set{0, 0};
-// Last requested mask after the 10-bit clamp; setActivateKeySet re-applies it.
-int g_activate_value = 0;
-// Copy of g_key_set.value for readers that must not take the lock.
-int g_value_in_force = 0;
+// ---- key-set state (manager lock held) -------------------------------------
 
 // Key-set calls count only while the manager is up or a portal is shown.
-bool key_sets_accepted() {
-    return appmgr::library_state() == APP_MANAGER_INITIALIZED ||
-           appmgr::atomic_get(is_portal_mode) == 1;
-}
+bool key_sets_accepted() { return state::active() || state::portal(); }
 
-// Applies a valid mask; g_key_set_mutex must be held.
+// Applies a valid mask: the browser and the platform are told under the
+// manager lock, in the order of the changes.
 int apply_key_set(int value, bool has_other_keys) {
     if (!has_other_keys) value &= kAllButOtherKeys;
-    g_activate_value = value;
-    const bool activated = appmgr::atomic_get(bIsApplicationActivated) == 1U;
-    g_key_set.value = activated ? value : (value & kBeforeActivation);
-    appmgr::atomic_set(g_value_in_force, g_key_set.value);
-    AM_INFO("set keySet.value:0x%x (requested:0x%x)\n", static_cast<unsigned>(g_key_set.value),
+    state::set_requested_keys(value);
+    KeySet keys = state::key_set();
+    keys.value = state::activated() ? value : (value & kBeforeActivation);
+    state::set_key_set(keys);
+    AM_INFO("set keySet.value:0x%x (requested:0x%x)\n", static_cast<unsigned>(keys.value),
             static_cast<unsigned>(value));
-    int mask = g_key_set.value;
-    send_command(kCmdHandleKeySet, &mask);
+    int mask = keys.value;
+    appmgr::protocol::send(appmgr::protocol::Command::SetKeySet, &mask);
     hbbRegisterKeySet(mask);
     return mask;
+}
+
+int set_key_set(int value, bool has_other_keys) {
+    state::ManagerLock lock;
+    if (!key_sets_accepted()) return 1;
+    if (value < 0 || value >= kKeySetEnd) {
+        AM_ERROR("INVALID KEYSET VALUE\n");
+        return 0;
+    }
+    return apply_key_set(value, has_other_keys);
 }
 
 // ---- remote-input connection --------------------------------------------
@@ -130,13 +117,13 @@ public:
     RemoteInputConnection(const RemoteInputConnection&) = delete;
     RemoteInputConnection& operator=(const RemoteInputConnection&) = delete;
 
-    bool is_open() const { return fd_ >= 0; }
+    bool is_open() const { return fd() >= 0; }
 
     // Creates the socket and connects it to the local host within
     // kConnectMillis. false (errno set) when it could not connect.
     bool open(unsigned short port) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd_ < 0) return false;
+        set_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (fd() < 0) return false;
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(port);
@@ -146,7 +133,7 @@ public:
         timeval tv{};
         tv.tv_sec = kWriteMillis / 1000;
         tv.tv_usec = (kWriteMillis % 1000) * 1000;
-        ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+        ::setsockopt(fd(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
         return true;
     }
 
@@ -159,7 +146,7 @@ public:
         }
         ssize_t n;
         do {
-            n = ::send(fd_, data, size, MSG_NOSIGNAL);
+            n = ::send(fd(), data, size, MSG_NOSIGNAL);
         } while (n < 0 && errno == EINTR);
         if (n < 0) return false;
         if (static_cast<std::size_t>(n) != size) {
@@ -170,18 +157,18 @@ public:
     }
 
     void close() {
-        if (fd_ < 0) return;
-        ::shutdown(fd_, SHUT_RDWR);
-        ::close(fd_);
-        fd_ = -1;
+        if (fd() < 0) return;
+        ::shutdown(fd(), SHUT_RDWR);
+        ::close(fd());
+        set_fd(-1);
         connected_ = false;
     }
 
 private:
     bool connect_bounded(const sockaddr_in& addr) {
-        const int flags = ::fcntl(fd_, F_GETFL, 0);
-        if (flags < 0 || ::fcntl(fd_, F_SETFL, flags | O_NONBLOCK) < 0) return false;
-        int rc = ::connect(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
+        const int flags = ::fcntl(fd(), F_GETFL, 0);
+        if (flags < 0 || ::fcntl(fd(), F_SETFL, flags | O_NONBLOCK) < 0) return false;
+        int rc = ::connect(fd(), reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
         if (rc < 0 && (errno == EINPROGRESS || errno == EINTR)) {
             const auto deadline =
                 std::chrono::steady_clock::now() + std::chrono::milliseconds(kConnectMillis);
@@ -193,7 +180,7 @@ private:
                     errno = ETIMEDOUT;
                     return false;
                 }
-                pollfd pfd{fd_, POLLOUT, 0};
+                pollfd pfd{fd(), POLLOUT, 0};
                 const int ready = ::poll(&pfd, 1, static_cast<int>(left));
                 if (ready < 0 && errno == EINTR) continue;
                 if (ready < 0) return false;
@@ -205,7 +192,7 @@ private:
             }
             int err = 0;
             socklen_t len = sizeof(err);
-            if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len) < 0) return false;
+            if (::getsockopt(fd(), SOL_SOCKET, SO_ERROR, &err, &len) < 0) return false;
             if (err != 0) {
                 errno = err;
                 return false;
@@ -213,10 +200,12 @@ private:
             rc = 0;
         }
         if (rc < 0) return false;
-        return ::fcntl(fd_, F_SETFL, flags) == 0;
+        return ::fcntl(fd(), F_SETFL, flags) == 0;
     }
 
-    int fd_ = -1;
+    // The descriptor lives in the exported remote_key_socket_fd.
+    static int fd() { return __atomic_load_n(&remote_key_socket_fd, __ATOMIC_ACQUIRE); }
+    static void set_fd(int fd) { __atomic_store_n(&remote_key_socket_fd, fd, __ATOMIC_RELEASE); }
     bool connected_ = false;
 };
 
@@ -225,36 +214,47 @@ RemoteInputConnection g_remote;
 
 }  // namespace
 
+namespace appmgr::core {
+
+int current_key_set_value() { return state::key_set().value; }
+
+}  // namespace appmgr::core
+
 extern "C" {
 
 APPMGR_API int setKeySet(int value, int* otherKeys) {
-    if (!key_sets_accepted()) return 1;
-    if (value < 0 || value >= kKeySetEnd) {
-        AM_ERROR("INVALID KEYSET VALUE\n");
-        return 0;
-    }
-    std::lock_guard<std::mutex> lock(g_key_set_mutex);
     // Only the presence of the other-keys list matters; it is never read.
-    return apply_key_set(value, otherKeys != nullptr);
+    return appmgr::c_entry(__func__, 0, [&] { return set_key_set(value, otherKeys != nullptr); });
 }
 
 void setActivateKeySet(void) {
-    std::lock_guard<std::mutex> lock(g_key_set_mutex);
+    state::ManagerLock lock;
     AM_INFO(" Enter setDefaultKeySet, activateValue:0x%x\n\n",
-            static_cast<unsigned>(g_activate_value));
+            static_cast<unsigned>(state::requested_keys()));
     if (!key_sets_accepted()) return;
-    apply_key_set(g_activate_value, false);
+    apply_key_set(state::requested_keys(), false);
 }
 
-int current_key_set_value(void) { return appmgr::atomic_get(g_value_in_force); }
-
 const char* map_key(uint8_t key) {
-    for (const KeyCode* entry = kKeyCodes; entry->key != 0; ++entry)
+    for (const KeyCode* entry = keycodes; entry->key != 0; ++entry)
         if (entry->key == key) return entry->rccode;
     return nullptr;
 }
 
 APPMGR_API int sendIrCmd(uint16_t key) {
+    return appmgr::c_entry(__func__, -1, [&] { return send_ir_command(key); });
+}
+
+APPMGR_API void resetRemoteKeySocket(void) {
+    std::lock_guard<std::mutex> lock(g_remote_mutex);
+    g_remote.close();
+}
+
+}  // extern "C"
+
+namespace {
+
+int send_ir_command(uint16_t key) {
     std::lock_guard<std::mutex> lock(g_remote_mutex);
     if (!g_remote.is_open() && !g_remote.open(appmgr::seams::remote_input_port())) {
         AM_ERROR("Connecting to DFB remote-input failed.\n\n");
@@ -275,9 +275,4 @@ APPMGR_API int sendIrCmd(uint16_t key) {
     return 0;
 }
 
-APPMGR_API void resetRemoteKeySocket(void) {
-    std::lock_guard<std::mutex> lock(g_remote_mutex);
-    g_remote.close();
-}
-
-}  // extern "C"
+}  // namespace

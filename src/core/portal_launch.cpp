@@ -1,279 +1,265 @@
 // What the middleware asks of the application core from its own menus: the
 // digital teletext application, the web portal, probing and launching URLs,
 // and the browser settings it passes through.
+//
+// Downloads (XML AITs) run without the manager lock; each step that reads or
+// changes the manager record takes it.
 #include <cstdio>
 #include <cstring>
 
 #include "app_mgr.h"
-#include "app_mgr_state.h"
-#include "common/atomic_state.h"
-#include "ait/ait_guard.h"
+#include "common/c_api.h"
 #include "common/log.h"
-#include "core/core_internal.h"
+#include "core/core.h"
+#include "core/core_private.h"
+#include "dsmcc/dsmcc.h"
 #include "hbb_platform.h"
-#include "hbbtv_externals/hbbtvDSMCCExternals.h"
-#include "xml/xml_ait_internal.h"
+#include "protocol/protocol.h"
+#include "state/state.h"
 
-extern "C" {
-// The display window saved when the portal opens (logged when it closes).
-APPMGR_API fpi_zoom_setting_window_t nZoomdisplayWindow;
-}
+namespace state = appmgr::state;
+namespace core = appmgr::core;
+using appmgr::protocol::Command;
+using appmgr::records::entry_url;
 
 namespace {
 
 constexpr int kAllKeys = 1023;
-constexpr const char* kPortalErrorPage = "file:///system/hbbtv/config/invaild_url.html";
 constexpr int kHttpTransport = 3;
-
-void copy_text(char* dst, std::size_t size, const char* src) {
-    std::snprintf(dst, size, "%s", src != nullptr ? src : "");
-}
 
 void show_with_all_keys() {
     application_show(0);
     setKeySet(kAllKeys, nullptr);
 }
 
-void stop_broadcast() {
-    hbbStopChannel();
-    current_broadcast_state = VBOS_STOPPED;
-}
-
-void start_error_page() {
-    copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), kPortalErrorPage);
-    application_manager_request_start();
-}
-
 // The text of an integer setting, sent as a browser command.
-void send_setting(int command, int value) {
+void send_setting(Command command, int value) {
     char text[8];
     std::snprintf(text, sizeof(text), "%d", value);
-    send_command(command, text);
+    appmgr::protocol::send_text(command, text);
 }
 
-}  // namespace
-
-extern "C" {
-
-void start_player_page(char* player_url) {
-    copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), player_url);
-    application_manager_request_start();
-    running_application_type = BROADCAST_INDEPENDENT;
-    char no_boundary[] = "no boundary";
-    send_command(59, no_boundary);
-    update_running_application_as_independent(player_url);
-    loaded_application[0] = '\0';
-    stop_broadcast();
-}
-
-int hasTeletextApplication(void) { return has_teletext_application; }
-
-int find_teletext_application_index(void) {
-    int best = -1;
-    for (int i = 0; current_ait.apps != nullptr && i < current_ait.app_lenght; ++i) {
-        const Application& app = current_ait.apps[i];
-        if (app.app_usage_type != 1) continue;
-        if (app.transport_protocol != nullptr &&
-            app.transport_protocol->protocol_id == kHttpTransport && network_status == NETWORK_OFF)
-            continue;
-        if (best < 0 || app.app_priority > current_ait.apps[best].app_priority) best = i;
-    }
-    return best;
-}
-
-APPMGR_API int toggleTeletextApplication(int state) {
-    appmgr::AitGuardScope guard;
-    if (state == 1) {
-        if (!has_teletext_application) {
-            AM_INFO("HbbTV teletext application not signaled\n");
-            return 0;
-        }
-        if (running_application != nullptr && running_application->app_usage_type == 1) {
-            AM_INFO("HbbTV teletext application is already running\n");
-            return 1;
-        }
-        teletext_application_index = find_teletext_application_index();
-        if (teletext_application_index < 0) return 0;
-        Application& entry = current_ait.apps[teletext_application_index];
-        if (entry.transport_protocol == nullptr || !application_create(entry.transport_protocol->url))
-            return 0;
-        AM_INFO("Updating running application for teletext application\n");
-        update_running_application(&entry);
-        return 1;
-    }
-    if (state == 0) {
-        // Nothing running: nothing to switch off.
-        if (running_application == nullptr) return 1;
-        if (running_application->app_usage_type == 1) {
-            application_destroy(running_application->organisation_id, running_application->app_id);
-            return 1;
-        }
-        AM_INFO("Running application is not teletext application\n");
+int teletext_on() {
+    if (!state::has_teletext()) {
+        AM_INFO("HbbTV teletext application not signaled\n");
         return 0;
     }
-    AM_INFO("Invalid argument for teletext state\n");
+    const Application* running = state::running();
+    if (running != nullptr && running->app_usage_type == 1) {
+        AM_INFO("HbbTV teletext application is already running\n");
+        return 1;
+    }
+    const int index = find_teletext_application_index();
+    state::set_teletext_index(index);
+    const Application* entry = state::current_entry(index);
+    if (entry == nullptr) return 0;
+    // The running application, if any, is not ended first: the new page
+    // replaces it in the browser.
+    core::Launch start;
+    start.url = entry_url(*entry);
+    start.entry = entry;
+    if (!core::launch(start)) return 0;
+    AM_INFO("Updating running application for teletext application\n");
+    return 1;
+}
+
+int teletext_off() {
+    const Application* running = state::running();
+    // Nothing running: nothing to switch off.
+    if (running == nullptr) return 1;
+    if (running->app_usage_type == 1) {
+        application_destroy(running->organisation_id, running->app_id);
+        return 1;
+    }
+    AM_INFO("Running application is not teletext application\n");
     return 0;
 }
 
-APPMGR_API int openWebPortal(char* webPortalURL) {
-    if (webPortalURL == nullptr) {
-        AM_INFO("openWebPortal failed in bad param\n\n");
-        return 0;
+int open_portal(char* url) {
+    {
+        state::ManagerLock lock;
+        fpi_zoom_setting_window_t& window = state::saved_window();
+        fpi_zoom_get_current_display_window(&window);
+        AM_INFO("saved display window %u,%u %ux%u\n", window.un16_hposition, window.un16_vposition,
+                window.un16_hsize, window.un16_vsize);
+        state::set_portal(true);
+        if (core::start_player_page_of(url)) {
+            show_with_all_keys();
+            return 1;
+        }
     }
-    fpi_zoom_get_current_display_window(&nZoomdisplayWindow);
-    AM_INFO("saved display window %u,%u %ux%u\n", nZoomdisplayWindow.un16_hposition,
-            nZoomdisplayWindow.un16_vposition, nZoomdisplayWindow.un16_hsize,
-            nZoomdisplayWindow.un16_vsize);
-    is_portal_mode = 1;
-
-    char player_url[1024] = {0};
-    if (tvh_mds_get_player_url(webPortalURL, player_url, sizeof(player_url)) == 0) {
-        player_url[sizeof(player_url) - 1] = '\0';
-        start_player_page(player_url);
+    // The download runs without the manager lock.
+    if (core::classify_url(url) == HTTP_URL && parse_xml_ait(url) == 1) {
+        state::ManagerLock lock;
+        core::stop_broadcast();
         show_with_all_keys();
+        AM_INFO("this url = [%s] is xml ait file url\n\n", url);
         return 1;
     }
-    if (check_url_type(webPortalURL) == HTTP_URL && parse_xml_ait(webPortalURL) == 1) {
-        stop_broadcast();
-        show_with_all_keys();
-        AM_INFO("this url = [%s] is xml ait file url\n\n", webPortalURL);
-        return 1;
-    }
-    if (handle_url(webPortalURL) == 0) {
-        AM_INFO("call handle_url fail url = %s\n", webPortalURL);
-        start_error_page();
+    state::ManagerLock lock;
+    if (handle_url(url) == 0) {
+        AM_INFO("call handle_url fail url = %s\n", url);
+        core::hand_to_browser(core::kPortalErrorPage);
         return 0;
     }
     show_with_all_keys();
     return 1;
 }
 
-int openWebPortalFailed(void) {
-    if (is_portal_mode) {
-        AM_INFO("openWebPortalFailed\n");
-        start_error_page();
+int close_portal() {
+    {
+        state::ManagerLock lock;
+        AM_INFO("closeWebPortal call\n\n");
+        setKeySet(0, nullptr);
+        state::set_portal(false);
+        appmgr::protocol::send(Command::HideApplication);
+        state::set_running_type(BROADCAST_RELATED);
+        application_manager_request_stop();
+        state::clear_running();
+        const fpi_zoom_setting_window_t& window = state::saved_window();
+        AM_INFO("current_broadcast_state:%d window %u,%u %ux%u\n",
+                static_cast<int>(state::broadcast()), window.un16_hposition,
+                window.un16_vposition, window.un16_hsize, window.un16_vsize);
+        if (state::broadcast() == VBOS_STOPPED) {
+            tune_to_current_channel();
+            state::set_broadcast(VBOS_PRESENTING);
+        }
     }
-    return 1;
-}
-
-APPMGR_API int closeWebPortal(void) {
-    AM_INFO("closeWebPortal call\n\n");
-    setKeySet(0, nullptr);
-    is_portal_mode = 0;
-    send_command(54, nullptr);
-    running_application_type = BROADCAST_RELATED;
-    application_manager_request_stop();
-    if (!lockAitGuard()) {
-        AM_ERROR("Error: lockAitGuard failed !\n");
-        return 0;
-    }
-    free_application(&running_application);
-    if (!unlockAitGuard()) {
-        AM_ERROR("Error: lockAitGuard failed !\n");
-        return 0;
-    }
-    AM_INFO("current_broadcast_state:%d window %u,%u %ux%u\n",
-            static_cast<int>(current_broadcast_state), nZoomdisplayWindow.un16_hposition,
-            nZoomdisplayWindow.un16_vposition, nZoomdisplayWindow.un16_hsize,
-            nZoomdisplayWindow.un16_vsize);
-    if (current_broadcast_state == VBOS_STOPPED) {
-        tune_to_current_channel();
-        current_broadcast_state = VBOS_PRESENTING;
-    }
+    // Blocks for a second or two: not under the manager lock.
     hbbWaitingVodDecoderRelease();
     AM_INFO("closeWebPortal call end\n\n");
     return 1;
 }
 
-APPMGR_API int Hbbtv_AM_Probe_Url(char* pUrl) {
-    if (pUrl == nullptr) {
-        AM_INFO("pUrl is NULL in %s\n\n", __func__);
+int launch_from_menu(eLaunchType type, char* url) {
+    AM_INFO("Hbbtv_AM_Launch_Application type:%d url:%s\n", static_cast<int>(type),
+            url != nullptr ? url : "(null)");
+    if (url == nullptr || type < eLaunchFormBroadcastApp || type > eLaunchFormOther) {
+        AM_INFO("Bad Param in %s\n\n", "Hbbtv_AM_Launch_Application");
+        state::ManagerLock lock;
+        state::set_portal(false);
         return 0;
     }
-    if (appmgr::library_state() != APP_MANAGER_INITIALIZED) {
-        AM_INFO("appmgr_state != APP_MANAGER_INITIALIZED\n");
+    const int url_type = core::classify_url(url);
+    if (type != eLaunchFormBroadcastApp || (url_type != XML_FILE_URL && url_type != HTTP_URL)) {
+        if (type != eLaunchFormBroadcastApp)
+            AM_INFO("this part is not OK in %s\n\n", "Hbbtv_AM_Launch_Application");
+        state::ManagerLock lock;
+        state::set_portal(false);
         return 0;
     }
-    if (is_portal_origin(pUrl)) {
-        AM_INFO("Hbbtv_AM_Probe_Url is in bbc RB+ , do not probe ,pUrl:[%s]\n\n", pUrl);
+    {
+        state::ManagerLock lock;
+        state::set_portal(true);
+    }
+    // The download runs without the manager lock.
+    const int updated = xmlAitUpdate(url);
+    state::ManagerLock lock;
+    if (updated == 1) {
+        const Application* running = state::running();
+        AM_INFO("launched application org_id:%d app_id:%d\n",
+                running != nullptr ? running->organisation_id : -1,
+                running != nullptr ? running->app_id : -1);
+        show_with_all_keys();
         return 1;
     }
-    if (probe_http_app(pUrl) != 1) {
-        AM_INFO("This url is not able to be open\n\n");
-        return 0;
-    }
-    AM_INFO("Hbbtv_AM_Probe_Url OK ,pUrl:[%s]\n\n", pUrl);
-    return 1;
-}
-
-APPMGR_API int Hbbtv_AM_Launch_Application(eLaunchType eType, char* pUrl) {
-    AM_INFO("Hbbtv_AM_Launch_Application type:%d url:%s\n", static_cast<int>(eType),
-            pUrl != nullptr ? pUrl : "(null)");
-    if (pUrl == nullptr || eType < eLaunchFormBroadcastApp || eType > eLaunchFormOther) {
-        AM_INFO("Bad Param in %s\n\n", __func__);
-        is_portal_mode = 0;
-        return 0;
-    }
-    const int type = check_url_type(pUrl);
-    if (eType == eLaunchFormBroadcastApp && (type == XML_FILE_URL || type == HTTP_URL)) {
-        is_portal_mode = 1;
-        if (xmlAitUpdate(pUrl) == 1) {
-            AM_INFO("launched application org_id:%d app_id:%d\n",
-                    running_application ? running_application->organisation_id : -1,
-                    running_application ? running_application->app_id : -1);
-            show_with_all_keys();
-            return 1;
-        }
-        if (handle_url(pUrl)) {
-            show_with_all_keys();
-            return 1;
-        }
-        // Not startable as an application: the browser gets the URL anyway.
-        copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), pUrl);
-        application_manager_request_start();
+    if (handle_url(url)) {
         show_with_all_keys();
-        return 0;
+        return 1;
     }
-    if (eType != eLaunchFormBroadcastApp) AM_INFO("this part is not OK in %s\n\n", __func__);
-    is_portal_mode = 0;
+    // Not startable as an application: the browser gets the URL anyway.
+    core::hand_to_browser(url);
+    show_with_all_keys();
     return 0;
 }
 
-APPMGR_API void configureUserAgentAddon(char* userAgentAddOn) {
-    if (userAgentAddOn == nullptr) {
-        AM_INFO("configureUserAgentAddon error - invalid argument\n");
-        return;
+int probe_url(char* url) {
+    if (!state::active()) {
+        AM_INFO("appmgr_state != APP_MANAGER_INITIALIZED\n");
+        return 0;
     }
-    setAMUserAgent(userAgentAddOn);
-    send_command(24, userAgentAddOn);
+    if (core::is_portal_origin(url)) {
+        AM_INFO("Hbbtv_AM_Probe_Url is in bbc RB+ , do not probe ,pUrl:[%s]\n\n", url);
+        return 1;
+    }
+    if (probe_http_app(url) != 1) {
+        AM_INFO("This url is not able to be open\n\n");
+        return 0;
+    }
+    AM_INFO("Hbbtv_AM_Probe_Url OK ,pUrl:[%s]\n\n", url);
+    return 1;
+}
+
+void configure_user_agent_addon(char* addon) {
+    setAMUserAgent(addon);
+    appmgr::protocol::send_text(Command::UserAgentAddon, addon);
     // The terminal version is read from the single digits 6, 8 and 10
     // characters after "HbbTV/" starts ("HbbTV/1.4.1 "); the text from "H" on
     // must be at least 12 characters long, so a text ending right after the
     // micro digit leaves the version unchanged.
-    const char* h = std::strstr(userAgentAddOn, "HbbTV/");
+    const char* h = std::strstr(addon, "HbbTV/");
     if (h != nullptr && std::strlen(h) >= 12) {
-        teminal_version_major = h[6] - '0';
-        teminal_version_minor = h[8] - '0';
-        teminal_version_micro = h[10] - '0';
+        state::ManagerLock lock;
+        state::set_terminal_version({h[6] - '0', h[8] - '0', h[10] - '0'});
     }
 }
 
-APPMGR_API void configureCookies(int enableCookies) { send_setting(26, enableCookies); }
+void screen_saver_changed(int saver) {
+    state::ManagerLock lock;
+    if (saver == state::screen_saver()) return;
+    state::set_screen_saver(saver);
+    setCheckPageTransparent(saver && state::visible() && !state::portal() ? 1 : 0);
+}
 
-APPMGR_API void configureDNT(int state) { send_setting(400, state); }
+}  // namespace
 
-APPMGR_API void configureAcceptLanguage(char* acceptLanguage) { send_command(25, acceptLanguage); }
+namespace appmgr::core {
 
-APPMGR_API void signalStatusNotification(int saver) {
-    if (saver == screen_saver) return;
-    screen_saver = saver;
-    setCheckPageTransparent(saver && is_app_visible && !is_portal_mode ? 1 : 0);
+bool start_player_page_of(const char* location) {
+    char player_url[1024] = {0};
+    if (tvh_mds_get_player_url(location, player_url, sizeof(player_url)) != 0) return false;
+    player_url[sizeof(player_url) - 1] = '\0';
+    Launch page;
+    page.url = player_url;
+    page.boundary = "no boundary";
+    page.kind = BROADCAST_INDEPENDENT;
+    page.checked = false;
+    launch(page);
+    return true;
+}
+
+}  // namespace appmgr::core
+
+extern "C" {
+
+int hasTeletextApplication(void) { return state::has_teletext() ? 1 : 0; }
+
+int find_teletext_application_index(void) {
+    int best = -1;
+    const AitTable& ait = state::current_ait();
+    const NetworkStatus network = state::network();
+    for (int i = 0; ait.apps != nullptr && i < ait.app_lenght; ++i) {
+        const Application& app = ait.apps[i];
+        if (app.app_usage_type != 1) continue;
+        if (app.transport_protocol != nullptr &&
+            app.transport_protocol->protocol_id == kHttpTransport && network == NETWORK_OFF)
+            continue;
+        if (best < 0 || app.app_priority > ait.apps[best].app_priority) best = i;
+    }
+    return best;
+}
+
+int openWebPortalFailed(void) {
+    if (state::portal()) {
+        AM_INFO("openWebPortalFailed\n");
+        core::hand_to_browser(core::kPortalErrorPage);
+    }
+    return 1;
 }
 
 int send_curr_epg_update_msg(void) {
     AM_INFO("send_curr_epg_update_msg\n\n");
-    char text[] = "about:portalerror";
-    return send_command(161, text);
+    return appmgr::protocol::send_text(Command::EpgUpdate, "about:portalerror");
 }
 
 int delete_all_fsa_file(void) { return hbbtvDeleteDsmccFSAFile(); }
@@ -282,6 +268,62 @@ int get_free_mem(void) {
     int kilobytes = hbbGetFreeMemory();
     if (kilobytes == -1) AM_WARN("MEMORY INFO NOT AVAILABLE\n");
     return kilobytes;
+}
+
+// ---- exported ----
+
+APPMGR_API int toggleTeletextApplication(int on) {
+    return appmgr::c_entry(__func__, 0, [&] {
+        state::ManagerLock lock;
+        if (on == 1) return teletext_on();
+        if (on == 0) return teletext_off();
+        AM_INFO("Invalid argument for teletext state\n");
+        return 0;
+    });
+}
+
+APPMGR_API int openWebPortal(char* webPortalURL) {
+    if (webPortalURL == nullptr) {
+        AM_INFO("openWebPortal failed in bad param\n\n");
+        return 0;
+    }
+    return appmgr::c_entry(__func__, 0, [&] { return open_portal(webPortalURL); });
+}
+
+APPMGR_API int closeWebPortal(void) {
+    return appmgr::c_entry(__func__, 0, [] { return close_portal(); });
+}
+
+APPMGR_API int Hbbtv_AM_Probe_Url(char* pUrl) {
+    if (pUrl == nullptr) {
+        AM_INFO("pUrl is NULL in %s\n\n", __func__);
+        return 0;
+    }
+    return appmgr::c_entry(__func__, 0, [&] { return probe_url(pUrl); });
+}
+
+APPMGR_API int Hbbtv_AM_Launch_Application(eLaunchType eType, char* pUrl) {
+    return appmgr::c_entry(__func__, 0, [&] { return launch_from_menu(eType, pUrl); });
+}
+
+APPMGR_API void configureUserAgentAddon(char* userAgentAddOn) {
+    if (userAgentAddOn == nullptr) {
+        AM_INFO("configureUserAgentAddon error - invalid argument\n");
+        return;
+    }
+    appmgr::c_entry_void(__func__, [&] { configure_user_agent_addon(userAgentAddOn); });
+}
+
+APPMGR_API void configureCookies(int enableCookies) { send_setting(Command::Cookies, enableCookies); }
+
+APPMGR_API void configureDNT(int value) { send_setting(Command::DoNotTrack, value); }
+
+APPMGR_API void configureAcceptLanguage(char* acceptLanguage) {
+    appmgr::protocol::send_text(Command::AcceptLanguage, acceptLanguage);
+}
+
+APPMGR_API void signalStatusNotification(int saver) {
+    appmgr::c_entry_void(__func__, [&] { screen_saver_changed(saver); });
 }
 
 }  // extern "C"

@@ -5,7 +5,7 @@
 // URL texts come from the browser, from broadcast tables and from the
 // middleware: every copy is bounded by its field and a text that does not fit
 // is refused, never cut.
-#include "dsmcc/DSMCCUtils.h"
+#include "dsmcc/dsmcc.h"
 
 #include <sys/stat.h>
 

@@ -1,6 +1,7 @@
 // EPG metadata search support.
+#include "epg/epg.h"
+
 #include "common/log.h"
-#include "core/core_internal.h"
 
 extern "C" {
 
@@ -11,6 +12,6 @@ int initializeEPGExternal(void) {
     return 1;
 }
 
-void deinitializeEPGExternal(void) {}
+int deinitializeEPGExternal(void) { return 0; }
 
 }  // extern "C"

@@ -1,8 +1,8 @@
 // Parental-rating objects served from the middleware.
+#include "parental_rating/parental_rating.h"
+
 #include <cstdlib>
 
-#include "common/log.h"
-#include "core/core_internal.h"
 #include "hbb_platform.h"
 
 extern "C" {

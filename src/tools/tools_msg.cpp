@@ -1,92 +1,38 @@
-// The five logical message connections with the browser, the field parser
-// and the entry of every received message.
-#include <unistd.h>
-
+// The five logical message connections with the browser (the exported
+// tools_msg_* calls), the exported field parser, and the entry of every
+// received message.
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <thread>
 
 #include "app_mgr.h"
-#include "app_mgr_state.h"
+#include "common/c_api.h"
 #include "common/log.h"
 #include "common/seams.h"
-#include "tools/tools_msg_internal.h"
+#include "connection/connection.h"
+#include "protocol/protocol.h"
+#include "tools/requests.h"
 
 namespace {
 
-struct ConnectionSpec {
-    const char* name;
-    int port;
-};
-
-// Indexed by Mng_ConnectionType_t. The port numbers do not follow the
-// connection order; they select the socket paths.
-constexpr ConnectionSpec kConnections[MNG_CONNECTION_TYPE_SIZE] = {
-    {"Application", 9513}, {"dtvPlugins", 9514}, {"vodPlugins", 9517},
-    {"Callbacks", 9516},   {"DSMCC", 9515},
-};
-
+// The largest field buffer of any request.
 constexpr std::size_t kLargestField = 1024;
 
 void settle() {
     std::this_thread::sleep_for(std::chrono::milliseconds(appmgr::seams::settle_millis()));
 }
 
-}  // namespace
-
-namespace appmgr::msg {
-
-char* next_field(char* text, char* param, std::size_t param_size) {
-    if (param == nullptr || param_size == 0) return nullptr;
-    param[0] = '\0';
-    if (text == nullptr) {
-        AM_INFO("temp_string = NULL is error ");
-        return nullptr;
-    }
-    char* bar = std::strchr(text, '|');
-    if (bar == nullptr) {
-        AM_INFO("parse_parameter error string = %s", text);
-        return nullptr;
-    }
-    if (bar == text) {
-        // Empty fields cannot be carried: an empty field ends the parsing.
-        AM_INFO("parse_parameter length error, string = %s", text);
-        return nullptr;
-    }
-    std::size_t length = static_cast<std::size_t>(bar - text);
-    if (length >= param_size) {
-        AM_WARN("parse_parameter: field of %zu characters cut to %zu", length, param_size - 1);
-        length = param_size - 1;
-    }
-    std::memcpy(param, text, length);
-    param[length] = '\0';
-    return bar + 1;
-}
-
-ErrorType_t send_reply(Mng_ConnectionType_t connection, std::string_view reply) {
-    std::string bytes(reply);
-    bytes.push_back('\0');
-    return tools_msg_send_msg(&gData, connection, bytes.data(),
-                              static_cast<unsigned int>(bytes.size()));
-}
-
-}  // namespace appmgr::msg
-
-extern "C" {
-
-APPMGR_API ErrorType_t tools_msg_init(GlobalData_t* data, int argc, char** argv) {
-    (void)argc;
-    (void)argv;
-    if (data == nullptr) return RET_ERROR;
-    AM_INFO("Application-manager: Connection port = %d", 9513);
+ErrorType_t init_connections(GlobalData_t* data) {
+    AM_INFO("Application-manager: Connection port = %d",
+            appmgr::connection::spec(MNG_CONNECTION_TYPE_APP).port);
     for (int i = 0; i < MNG_CONNECTION_TYPE_SIZE; ++i) {
+        const auto& spec = appmgr::connection::spec(static_cast<Mng_ConnectionType_t>(i));
         Messenger_t& m = data->mng_connection[i].messenger;
         m.msg_type = MESSENGER_TYPE_SERVER;
         std::memset(m.name, 0, sizeof(m.name));
-        std::strncpy(m.name, kConnections[i].name, sizeof(m.name) - 1);
-        m.msg_port = kConnections[i].port;
+        std::strncpy(m.name, spec.name, sizeof(m.name) - 1);
+        m.msg_port = spec.port;
     }
     for (int i = 0; i < MNG_CONNECTION_TYPE_SIZE; ++i) {
         Mng_Connection_t& c = data->mng_connection[i];
@@ -98,6 +44,42 @@ APPMGR_API ErrorType_t tools_msg_init(GlobalData_t* data, int argc, char** argv)
         }
     }
     return RET_OK;
+}
+
+// The checks every received message passes before its id is looked up.
+const Mng_Connection_t* checked_connection(void* data, const char* buff) {
+    auto* messenger = static_cast<Messenger_t*>(data);
+    if (messenger == nullptr) {
+        AM_ERROR("input_data_received: Error msg_d == NULL");
+        return nullptr;
+    }
+    if (buff == nullptr) {
+        AM_ERROR("Error-Tools_msg.c-->input_data_received: buff == NULL");
+        return nullptr;
+    }
+    auto* connection = static_cast<Mng_Connection_t*>(messenger->priv);
+    if (connection == nullptr) {
+        AM_ERROR("input_data_received: Error msg_conn == NULL");
+        return nullptr;
+    }
+    const int type = static_cast<int>(connection->mng_type);
+    if (type < 0 || type >= MNG_CONNECTION_TYPE_SIZE ||
+        !appmgr::connection::spec(connection->mng_type).carries_requests) {
+        AM_ERROR("input_data_received: Error mng_type(%d) not supported!!!", type);
+        return nullptr;
+    }
+    return connection;
+}
+
+}  // namespace
+
+extern "C" {
+
+APPMGR_API ErrorType_t tools_msg_init(GlobalData_t* data, int argc, char** argv) {
+    (void)argc;
+    (void)argv;
+    if (data == nullptr) return RET_ERROR;
+    return appmgr::c_entry(__func__, RET_ERROR, [&] { return init_connections(data); });
 }
 
 APPMGR_API ErrorType_t tools_msg_connect(GlobalData_t* data) {
@@ -132,45 +114,21 @@ APPMGR_API ErrorType_t tools_msg_send_msg(GlobalData_t* data, Mng_ConnectionType
 }
 
 // The copy is bounded to 1024 bytes, the largest field buffer of any
-// request; callers with smaller buffers use the sized parser internally.
+// request; the library's own handlers use the sized parser.
 APPMGR_API char* parse_parameter(char* temp_string, char* param) {
-    return appmgr::msg::next_field(temp_string, param, kLargestField);
+    return appmgr::protocol::next_field(temp_string, param, kLargestField);
 }
 
 APPMGR_API int input_data_received(void* data, char* buff, int len) {
     (void)len;
-    auto* messenger = static_cast<Messenger_t*>(data);
-    if (messenger == nullptr) {
-        AM_ERROR("input_data_received: Error msg_d == NULL");
-        return 0;
-    }
-    if (buff == nullptr) {
-        AM_ERROR("Error-Tools_msg.c-->input_data_received: buff == NULL");
-        return 0;
-    }
-    auto* connection = static_cast<Mng_Connection_t*>(messenger->priv);
-    if (connection == nullptr) {
-        AM_ERROR("input_data_received: Error msg_conn == NULL");
-        return 0;
-    }
-    const int type = static_cast<int>(connection->mng_type);
-    if (type < 0 || type >= MNG_CONNECTION_TYPE_SIZE || type == MNG_CONNECTION_TYPE_CALLBACK) {
-        AM_ERROR("input_data_received: Error mng_type(%d) not supported!!!", type);
-        return 0;
-    }
-    AM_INFO("Reply received: %s", buff);
-    char id_field[32];
-    char* rest = appmgr::msg::next_field(buff, id_field);
-    const int id = std::atoi(id_field);
-    switch (connection->mng_type) {
-        case MNG_CONNECTION_TYPE_APP: appmgr::msg::dispatch_application(id, rest); break;
-        case MNG_CONNECTION_TYPE_H_PUGINS:
-        case MNG_CONNECTION_TYPE_C_PUGINS:
-            appmgr::msg::dispatch_plugins(connection->mng_type, id, rest);
-            break;
-        case MNG_CONNECTION_TYPE_DSMCC: appmgr::msg::dispatch_dsmcc(id, rest); break;
-        default: break;
-    }
+    const Mng_Connection_t* connection = checked_connection(data, buff);
+    if (connection == nullptr) return 0;
+    appmgr::c_entry_void(__func__, [&] {
+        AM_INFO("Reply received: %s", buff);
+        char id_field[32];
+        char* rest = appmgr::protocol::next_field(buff, id_field);
+        appmgr::msg::dispatch(connection->mng_type, std::atoi(id_field), rest);
+    });
     return 0;
 }
 

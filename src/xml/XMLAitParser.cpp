@@ -1,6 +1,5 @@
 // The XML AIT reader: turns XML AIT documents into the library's Application
-// and AitTable records, starts the single application a document describes,
-// and picks the best HbbTV application's URL out of a document.
+// and AitTable records.
 //
 // Documents come from HTTP servers and from the browser, so nothing in them
 // is trusted: every text is copied within the size of its target buffer, the
@@ -18,11 +17,10 @@
 #include <cstring>
 #include <string>
 
-#include "app_mgr.h"
-#include "app_mgr_state.h"
+#include <mutex>
+
 #include "common/log.h"
-#include "core/core_internal.h"
-#include "xml/xml_ait_internal.h"
+#include "xml/xml.h"
 
 namespace {
 
@@ -40,7 +38,6 @@ constexpr int kMaxTextNodes = 10000;
 constexpr int kMaxEntityDepth = 10;
 
 constexpr const char* kNoBoundary = "no boundary";
-constexpr const char* kHbbtvType = "application/vnd.hbbtv.xhtml+xml";
 
 bool named(const xmlNode* node, const char* name) {
     return xmlStrEqual(node->name, reinterpret_cast<const xmlChar*>(name)) != 0;
@@ -222,65 +219,37 @@ void handle_element_ait_table(xmlNode* node, AitTable* table, int* counter) {
     }
 }
 
-void log_application(const Application* app) {
-    AM_INFO("########## XML APPLICATION #########\n");
-    AM_INFO("orgid: %d, appid: %d, profile: %d\n", app->organisation_id, app->app_id,
-            app->app_profile);
-    AM_INFO("major: %d, minor: %d, micro: %d\n", app->version_major, app->version_minor,
-            app->version_micro);
-    AM_INFO("URL: %s\n", app->transport_protocol->url);
-    AM_INFO("####################################\n");
-}
-
-// Frees a record of the single-application reader.
-void release_application(Application** app) {
-    if (*app == nullptr) return;
-    std::free((*app)->app_boundary);
-    (*app)->app_boundary = nullptr;
-    free_application(app);
-}
-
 // Reads the one application of a document; null when out of memory.
-Application* read_single_application(xmlNode* root) {
-    Application* app = allocate_application(kUrlLength);
-    if (app == nullptr || app->transport_protocol == nullptr ||
-        app->transport_protocol->url == nullptr || app->app_boundary == nullptr) {
+appmgr::records::ApplicationPtr read_single_application(xmlNode* root) {
+    appmgr::records::ApplicationPtr app(allocate_application(kUrlLength));
+    if (app == nullptr) {
         AM_ERROR("out of memory for the XML application\n");
-        if (app != nullptr && app->transport_protocol != nullptr &&
-            app->transport_protocol->url != nullptr)
-            release_application(&app);
         return nullptr;
     }
     copy_bounded(app->app_boundary, kUrlLength, kNoBoundary);
-    find_elements(root, app);
+    find_elements(root, app.get());
     return app;
-}
-
-// Starts the application an XML AIT describes as a broadcast-independent
-// application, replacing whatever the current AIT signalled. Consumes `app`.
-void start_xml_application(Application* app) {
-    send_command(59, app->app_boundary);
-    running_application_type = BROADCAST_INDEPENDENT;
-    std::snprintf(hbbtv_start_url, sizeof(hbbtv_start_url), "%s", app->transport_protocol->url);
-    clear_current_ait();
-    if (!is_portal_mode) update_running_application(app);
-    app->is_service_bound = 0;
-    application_manager_request_start();
-    release_application(&app);
 }
 
 }  // namespace
 
 namespace appmgr::xml {
 
-std::mutex& parser_mutex() {
-    static std::mutex mutex;
-    return mutex;
+namespace {
+
+// libxml2's global state is set up once and never torn down: tearing it
+// down after a parse (xmlCleanupParser) would reset libxml2 for every other
+// user in the middleware's process.
+void ensure_parser() {
+    static std::once_flag once;
+    std::call_once(once, [] { xmlInitParser(); });
 }
 
-ParsedDocument::ParsedDocument(const char* data, int len, const char* document_url)
-    : lock_(parser_mutex()) {
+}  // namespace
+
+ParsedDocument::ParsedDocument(const char* data, int len, const char* document_url) {
     if (data == nullptr || len <= 0) return;
+    ensure_parser();
     // No XML_PARSE_NOENT (entities stay references), no DTD loading and no
     // network: a document cannot make libxml2 read anything else. libxml2
     // prints nothing itself; the error that stopped the parse is logged.
@@ -293,24 +262,15 @@ ParsedDocument::ParsedDocument(const char* data, int len, const char* document_u
     }
 }
 
-ParsedDocument::~ParsedDocument() { release(); }
+ParsedDocument::~ParsedDocument() {
+    if (doc_ != nullptr) xmlFreeDoc(doc_);
+}
 
 xmlNode* ParsedDocument::root() const {
     return doc_ != nullptr ? xmlDocGetRootElement(doc_) : nullptr;
 }
 
-void ParsedDocument::release() {
-    if (!lock_.owns_lock()) return;
-    if (doc_ != nullptr) xmlFreeDoc(doc_);
-    doc_ = nullptr;
-    xmlCleanupParser();
-    lock_.unlock();
-}
-
-// Parses a document holding one application and reads it; the document is
-// released before the caller acts on the record (starting it can parse
-// again). Null when the text is not XML or holds no application.
-Application* read_application_document(const char* data, int len) {
+records::ApplicationPtr read_application_document(const char* data, int len) {
     ParsedDocument doc(data, len, kXmlAitDocumentUrl);
     if (!doc.ok()) {
         AM_ERROR("XML not parsed successfully \n\n");
@@ -320,33 +280,43 @@ Application* read_application_document(const char* data, int len) {
     return read_single_application(doc.root());
 }
 
-int start_downloaded_xml_ait(const char* data, int len, char* source_url) {
-    Application* app = read_application_document(data, len);
-    if (app == nullptr) return 0;
-    log_application(app);
-    if (app->organisation_id == 0 && app->app_id == 0 && app->app_profile == 0) {
-        AM_INFO("we are not get any ait info form this XML file\n\n");
-        release_application(&app);
-        return 0;
+records::AitTablePtr read_ait_document(const char* data, int len, const char* document_url,
+                                       int* in_document) {
+    *in_document = 0;
+    ParsedDocument doc(data, len, document_url);
+    if (!doc.ok()) {
+        AM_ERROR("XML not parsed successfully \n\n");
+        return nullptr;
     }
-    if (check_parental_rating(&app->app_parental) &&
-        check_support_version(app->app_profile, app->version_major, app->version_minor,
-                              app->version_micro)) {
-        start_xml_application(app);
-        return 1;
+    int count = find_number_of_applications(doc.root());
+    *in_document = count;
+    if (count > kMaxApplications) {
+        AM_WARN("%d applications in the XML AIT, the first %d are read\n", count,
+                kMaxApplications);
+        count = kMaxApplications;
     }
-    release_application(&app);
-    handle_application_load_error(source_url);
-    return 0;
+    records::AitTablePtr table(allocate_ait_table(count, kUrlLength));
+    if (table == nullptr) {
+        AM_ERROR("out of memory for the XML AIT table\n");
+        return nullptr;
+    }
+    int counter = 0;
+    find_elements_ait_table(doc.root(), table.get(), &counter);
+    return table;
+}
+
+void log_application(const Application& app) {
+    AM_INFO("########## XML APPLICATION #########\n");
+    AM_INFO("orgid: %d, appid: %d, profile: %d\n", app.organisation_id, app.app_id,
+            app.app_profile);
+    AM_INFO("major: %d, minor: %d, micro: %d\n", app.version_major, app.version_minor,
+            app.version_micro);
+    AM_INFO("URL: %s\n", records::entry_url(app) != nullptr ? records::entry_url(app) : "(null)");
+    AM_INFO("####################################\n");
 }
 
 }  // namespace appmgr::xml
 
-using appmgr::xml::ParsedDocument;
-
-extern "C" {
-
-}  // extern "C"
 
 namespace {
 
@@ -435,72 +405,6 @@ int find_number_of_applications(xmlNode* node) {
         count += find_number_of_applications(cur->children);
     }
     return count;
-}
-
-int ParseXmlAitFile(char* text, int length) {
-    AM_INFO("ParseXmlAitFile start with nXMLAITFileLen:%d\n\n", length);
-    Application* app = appmgr::xml::read_application_document(text, length);
-    if (app == nullptr) return 0;
-    log_application(app);
-    start_xml_application(app);
-    AM_INFO("ParseXmlAitFile end \n\n");
-    return 1;
-}
-
-int getUrlFromXMLAitFile(char* pXMLAitFile, int nXMLAitFileLen, char* pXMLAitUrl,
-                         int* nXMLAitUrlLen) {
-    if (pXMLAitFile == nullptr || nXMLAitFileLen == 0) {
-        AM_ERROR("pXMLAitFile is null or len is 0 \n\n");
-        return 0;
-    }
-    if (pXMLAitUrl == nullptr || nXMLAitUrlLen == nullptr) {
-        AM_ERROR("getUrlFromXMLAitFile: no output buffer\n");
-        return 0;
-    }
-    *nXMLAitUrlLen = 0;
-    AitTable* table = nullptr;
-    {
-        ParsedDocument doc(pXMLAitFile, nXMLAitFileLen, appmgr::xml::kXmlAitDocumentUrl);
-        if (!doc.ok()) {
-            AM_ERROR("XML not parsed successfully \n\n");
-            return 0;
-        }
-        int count = find_number_of_applications(doc.root());
-        if (count > kMaxApplications) {
-            AM_WARN("%d applications in the XML AIT, the first %d are read\n", count,
-                    kMaxApplications);
-            count = kMaxApplications;
-        }
-        table = allocate_ait_table(count, kUrlLength);
-        if (table == nullptr) {
-            AM_ERROR("out of memory for the XML AIT table\n");
-            return 0;
-        }
-        int counter = 0;
-        find_elements_ait_table(doc.root(), table, &counter);
-    }
-    const Application* best = nullptr;
-    for (int i = 0; i < table->app_lenght; ++i) {
-        const Application& app = table->apps[i];
-        if (app.app_type == nullptr || std::strcmp(app.app_type, kHbbtvType) != 0) continue;
-        if (!check_support_version(app.app_profile, app.version_major, app.version_minor,
-                                   app.version_micro))
-            continue;
-        if (best == nullptr || app.app_priority > best->app_priority) best = &app;
-    }
-    int chosen = 0;
-    if (best != nullptr && best->transport_protocol != nullptr &&
-        best->transport_protocol->url != nullptr) {
-        // The reader keeps URLs within kUrlLength bytes, the size the output
-        // buffer must have.
-        const std::size_t len = strnlen(best->transport_protocol->url, kUrlLength - 1);
-        std::memcpy(pXMLAitUrl, best->transport_protocol->url, len);
-        pXMLAitUrl[len] = '\0';
-        *nXMLAitUrlLen = static_cast<int>(len);
-        chosen = 1;
-    }
-    free_ait_table(&table);
-    return chosen;
 }
 
 }  // extern "C"

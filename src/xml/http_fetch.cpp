@@ -1,12 +1,16 @@
 // HTTP transfers of the broadband path, each a blocking single-shot libcurl
 // easy transfer on the caller's thread: the HEAD probe of an application's
 // entry URL, the download of a single-application XML AIT (HTTPS with a
-// client certificate), the download of a list XML AIT that becomes the
-// autostart table, and a timing dump for diagnostics.
+// client certificate), the download of a list XML AIT, the download of a
+// stream-event description, and a timing dump for diagnostics.
 //
 // Every transfer has its own download buffer and its own 404 marker, so
-// transfers on different threads do not touch each other's data; the XML
-// reading after a download is serialised by the reader's parser lock.
+// transfers on different threads do not touch each other's data.
+//
+// Besides its connect time-out, every transfer is bounded as a whole
+// (kTransferSeconds) and follows at most kMaxRedirects redirects: a server
+// that stalls, drips a byte at a time or redirects in a circle cannot hold
+// the caller (which may be the middleware's thread) for longer.
 #include <curl/curl.h>
 
 #include <cstdio>
@@ -15,34 +19,23 @@
 #include <memory>
 #include <string>
 
-#include "app_mgr.h"
 #include "app_mgr_broadband.h"
-#include "app_mgr_state.h"
 #include "common/log.h"
 #include "common/seams.h"
-#include "core/core_internal.h"
-#include "hbb_platform.h"
-#include "xml/xml_ait_internal.h"
+#include "state/state.h"
+#include "xml/xml.h"
 
 namespace {
 
-using appmgr::xml::kMaxApplications;
-using appmgr::xml::kUrlLength;
 namespace seams = appmgr::seams;
+using appmgr::xml::kMaxRedirects;
+using appmgr::xml::kTransferSeconds;
 
 constexpr long kProbeConnectTimeout = 20;
 constexpr long kProbeTimeout = 30;
 constexpr long kXmlAitConnectTimeout = 10;
 constexpr long kUpdateConnectTimeout = 20;
 constexpr long kUpdateTimeout = 30;
-constexpr std::size_t kTripletLength = 256;
-
-// The application types a list XML AIT may carry for its table to be taken
-// as it is.
-const char* const xml_ait_valid_application_types[] = {
-    "application/vnd.hbbtv.xhtml+xml",
-    "application/vnd.ctv.xhtml+xml",
-};
 
 // The reason phrases that make a probe fail. Only these exact spellings
 // count; the status code itself is not looked at.
@@ -83,63 +76,170 @@ struct CurlHandle {
     CurlHandle& operator=(const CurlHandle&) = delete;
 };
 
-// The autostart run gets the table together with a fresh validity flag for
-// each of its entries. The AIT guard keeps the broadcast AIT intake from
-// replacing the flags meanwhile.
-void hand_over(AitTable* table) {
-    const bool locked = lockAitGuard() != 0;
-    std::free(application_vadility_flags);
-    application_vadility_flags = nullptr;
-    if (table->app_lenght > 0) {
-        application_vadility_flags =
-            static_cast<unsigned char*>(std::malloc(static_cast<size_t>(table->app_lenght)));
-        if (application_vadility_flags != nullptr)
-            std::memset(application_vadility_flags, 1, static_cast<size_t>(table->app_lenght));
-    }
-#ifdef APPMGR_TEST_SEAMS
-    seams::notify_ait_handover(table);
-#endif
-    runAutostartApplication(table);
-    // The chosen entry lives in a table freed right after this hand-over;
-    // the running application keeps its own copy.
-    autostart_app = nullptr;
-    if (locked) unlockAitGuard();
+
+// Sets the options every transfer shares, after its own: the overall limit
+// and the redirect limit. False when libcurl refuses one.
+bool set_limits(CURL* curl, long total_seconds) {
+    return curl_easy_setopt(curl, CURLOPT_TIMEOUT, seams::http_total_timeout(total_seconds)) ==
+               CURLE_OK &&
+           curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects) == CURLE_OK;
 }
 
-bool is_valid_type(const char* type) {
-    if (type == nullptr) return false;
-    for (const char* valid : xml_ait_valid_application_types)
-        if (std::strcmp(type, valid) == 0) return true;
-    return false;
-}
-
-void copy_text(char* dst, std::size_t size, const char* src) {
-    if (dst != nullptr && size > 0) std::snprintf(dst, size, "%s", src != nullptr ? src : "");
-}
-
-// Copies the valid applications of `table` into `filtered` (allocated for
-// exactly that many), in document order. Texts go into the buffers
-// allocate_ait_table made, each within its size.
-void copy_valid_applications(const AitTable* table, AitTable* filtered) {
-    int j = 0;
-    for (int i = 0; i < table->app_lenght && j < filtered->app_lenght; ++i) {
-        const Application& src = table->apps[i];
-        if (!is_valid_type(src.app_type)) continue;
-        Application& dst = filtered->apps[j++];
-        appmgr::records::copy_application_numbers(src, dst);
-        copy_text(dst.app_name, kUrlLength, src.app_name);
-        copy_text(dst.app_boundary, kUrlLength, src.app_boundary);
-        copy_text(dst.app_type, 128, src.app_type);
-        if (dst.transport_protocol != nullptr && src.transport_protocol != nullptr) {
-            char* url = dst.transport_protocol->url;
-            *dst.transport_protocol = *src.transport_protocol;
-            dst.transport_protocol->url = url;
-            copy_text(url, kUrlLength, src.transport_protocol->url);
-        }
-    }
+std::string user_agent() {
+    bool stored = false;
+    return appmgr::state::user_agent(&stored);
 }
 
 }  // namespace
+
+namespace appmgr::xml {
+
+bool head_probe(const char* url) {
+    AM_INFO("CALLED probe_http_app WAITING...: %s\n", url);
+    const std::string ua = user_agent();
+    long page_error = 0;
+    CurlHandle handle;
+    CURL* curl = handle.curl;
+    if (curl == nullptr) {
+        AM_ERROR("curl_easy_init call failed !\n");
+        return false;
+    }
+    const std::string ca_bundle = seams::ca_bundle_path();
+    CURLcode rc = CURLE_OK;
+    auto set = [&](CURLcode result) {
+        if (rc == CURLE_OK) rc = result;
+        return rc == CURLE_OK;
+    };
+    bool ok = set(curl_easy_setopt(curl, CURLOPT_URL, url)) &&
+              set(curl_easy_setopt(curl, CURLOPT_USERAGENT, ua.empty() ? nullptr : ua.c_str())) &&
+              set(curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L)) &&
+              set(curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
+                                   seams::http_connect_timeout(kProbeConnectTimeout)));
+    if (ok) AM_INFO("set probe_http_app timeout is 30S in [%s]\n", url);
+    ok = ok && set_limits(curl, kProbeTimeout) &&
+         set(curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &HTTPProbingDataProbeHttp)) &&
+         set(curl_easy_setopt(curl, CURLOPT_HEADERDATA, &page_error)) &&
+         set(curl_easy_setopt(curl, CURLOPT_NOBODY, 1L)) &&
+         set(curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str())) &&
+         set(curl_easy_setopt(curl, CURLOPT_CAPATH, ca_bundle.c_str())) &&
+         set(curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L));
+    if (!ok) {
+        AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
+        return false;
+    }
+    const CURLcode res = curl_easy_perform(curl);
+    if (res != CURLE_OK) {
+        AM_ERROR("curl_easy_perform---ERROR---curl_res = %d!\n", static_cast<int>(res));
+        return false;
+    }
+    if (page_error == 0) {
+        AM_INFO("Application probed successully\n");
+        return true;
+    }
+    AM_ERROR("page_error = %d\n\n", static_cast<int>(page_error));
+    return false;
+}
+
+bool fetch_xml_ait(const char* url, PageInfo* page) {
+    CurlHandle handle;
+    CURL* curl = handle.curl;
+    if (curl == nullptr) {
+        AM_ERROR("Cannot create curl handle \n\n");
+        return false;
+    }
+    const std::string ua = user_agent();
+    const std::string ca_bundle = seams::ca_bundle_path();
+    const std::string client_cert = seams::client_cert_path();
+    const std::string client_key = seams::client_key_path();
+    CURLcode rc = curl_easy_setopt(curl, CURLOPT_URL, url);
+    if (rc == CURLE_OK)
+        rc = curl_easy_setopt(curl, CURLOPT_USERAGENT, ua.empty() ? nullptr : ua.c_str());
+    if (rc != CURLE_OK) {
+        AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
+        return false;
+    }
+    rc = curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    if (rc != CURLE_OK) {
+        AM_ERROR("curl_easy_setopt CURLOPT_FOLLOWLOCATION failed with code: %d\n",
+                 static_cast<int>(rc));
+        return false;
+    }
+    auto set = [&](CURLcode result) {
+        if (rc == CURLE_OK) rc = result;
+        return rc == CURLE_OK;
+    };
+    const bool ok =
+        set(curl_easy_setopt(curl, CURLOPT_SSLCERTTYPE, "PEM")) &&
+        set(curl_easy_setopt(curl, CURLOPT_SSLCERT, client_cert.c_str())) &&
+        set(curl_easy_setopt(curl, CURLOPT_SSLKEYTYPE, "PEM")) &&
+        set(curl_easy_setopt(curl, CURLOPT_SSLKEY, client_key.c_str())) &&
+        set(curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str())) &&
+        set(curl_easy_setopt(curl, CURLOPT_CAPATH, ca_bundle.c_str())) &&
+        set(curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HTTPProbingDataXmlAit)) &&
+        set(curl_easy_setopt(curl, CURLOPT_WRITEDATA, page)) &&
+        set(curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
+                             seams::http_connect_timeout(kXmlAitConnectTimeout))) &&
+        set(curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L)) && set_limits(curl, kTransferSeconds);
+    if (!ok) {
+        AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
+        return false;
+    }
+    const CURLcode res = curl_easy_perform(curl);
+    if (res != CURLE_OK) {
+        AM_ERROR("Sending soup message failed :%d\n\n", static_cast<int>(res));
+        return false;
+    }
+    AM_INFO("parse_xml_ait downloaded %d bytes from %s\n", page->len, url);
+    return true;
+}
+
+bool fetch_ait_update(const char* url, PageInfo* page) {
+    const std::string ua = user_agent();
+    CurlHandle handle;
+    CURL* curl = handle.curl;
+    if (curl == nullptr) {
+        AM_ERROR("Cannot create curl handle \n\n");
+        return false;
+    }
+    AM_INFO("xmlAitUpdate ait_url = %s,UA:[%s]\n\n", url, ua.c_str());
+    const std::string ca_bundle = seams::ca_bundle_path();
+    // Option results are not checked: a refused option shows up as a
+    // failed transfer.
+    curl_easy_setopt(curl, CURLOPT_URL, url);
+    curl_easy_setopt(curl, CURLOPT_USERAGENT, ua.empty() ? nullptr : ua.c_str());
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str());
+    curl_easy_setopt(curl, CURLOPT_CAPATH, ca_bundle.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HTTPProbingDataAitUpdate);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, page);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
+                     seams::http_connect_timeout(kUpdateConnectTimeout));
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    set_limits(curl, kUpdateTimeout);
+    const CURLcode res = curl_easy_perform(curl);
+    AM_INFO("xmlAitUpdate res = %d\n\n", static_cast<int>(res));
+    return res == CURLE_OK;
+}
+
+bool fetch_document(const char* url, long connect_seconds, PageInfo* page) {
+    CurlHandle handle;
+    CURL* curl = handle.curl;
+    if (curl == nullptr) {
+        AM_ERROR("Cannot create curl handle \n\n");
+        return false;
+    }
+    curl_easy_setopt(curl, CURLOPT_URL, url);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HTTPProbingDataAitUpdate);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, page);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, seams::http_connect_timeout(connect_seconds));
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    set_limits(curl, kTransferSeconds);
+    const CURLcode res = curl_easy_perform(curl);
+    if (res != CURLE_OK) AM_ERROR("download of %s failed: %d\n", url, static_cast<int>(res));
+    return res == CURLE_OK;
+}
+
+}  // namespace appmgr::xml
 
 extern "C" {
 
@@ -171,239 +271,6 @@ size_t HTTPProbingDataAitUpdate(char* ptr, size_t size, size_t nmemb, void* data
     return append_chunk(static_cast<PageInfo*>(data), ptr, size * nmemb);
 }
 
-int probe_http_app(char* http_app_url) {
-    if (network_status == NETWORK_OFF) return 0;
-    if (http_app_url == nullptr) {
-        AM_ERROR("Invalid arguments !\n");
-        return 0;
-    }
-    AM_INFO("CALLED probe_http_app WAITING...: %s\n", http_app_url);
-    char* user_agent = getAMUserAgent();
-    long page_error = 0;
-    CurlHandle handle;
-    CURL* curl = handle.curl;
-    if (curl == nullptr) {
-        AM_ERROR("curl_easy_init call failed !\n");
-        return 0;
-    }
-    const std::string ca_bundle = seams::ca_bundle_path();
-    CURLcode rc = CURLE_OK;
-    auto set = [&](CURLcode result) {
-        if (rc == CURLE_OK) rc = result;
-        return rc == CURLE_OK;
-    };
-    bool ok = set(curl_easy_setopt(curl, CURLOPT_URL, http_app_url)) &&
-              set(curl_easy_setopt(curl, CURLOPT_USERAGENT, user_agent)) &&
-              set(curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L)) &&
-              set(curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
-                                   seams::http_connect_timeout(kProbeConnectTimeout)));
-    if (ok) AM_INFO("set probe_http_app timeout is 30S in [%s]\n", http_app_url);
-    ok = ok &&
-         set(curl_easy_setopt(curl, CURLOPT_TIMEOUT, seams::http_total_timeout(kProbeTimeout))) &&
-         set(curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &HTTPProbingDataProbeHttp)) &&
-         set(curl_easy_setopt(curl, CURLOPT_HEADERDATA, &page_error)) &&
-         set(curl_easy_setopt(curl, CURLOPT_NOBODY, 1L)) &&
-         set(curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str())) &&
-         set(curl_easy_setopt(curl, CURLOPT_CAPATH, ca_bundle.c_str())) &&
-         set(curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L));
-    if (!ok) {
-        AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
-        return 0;
-    }
-    const CURLcode res = curl_easy_perform(curl);
-    if (res != CURLE_OK) {
-        AM_ERROR("curl_easy_perform---ERROR---curl_res = %d!\n", static_cast<int>(res));
-        return 0;
-    }
-    if (page_error == 0) {
-        AM_INFO("Application probed successully\n");
-        return 1;
-    }
-    AM_ERROR("page_error = %d\n\n", static_cast<int>(page_error));
-    return 0;
-}
-
-int parse_xml_ait(char* ait_url) {
-    if (ait_url == nullptr) {
-        AM_ERROR("parse_xml_ait: no URL\n");
-        return 0;
-    }
-    auto page_xml_ait = std::make_unique<PageInfo>();
-    {
-        CurlHandle handle;
-        CURL* curl = handle.curl;
-        if (curl == nullptr) {
-            AM_ERROR("Cannot create curl handle \n\n");
-            return 0;
-        }
-        const std::string ca_bundle = seams::ca_bundle_path();
-        const std::string client_cert = seams::client_cert_path();
-        const std::string client_key = seams::client_key_path();
-        CURLcode rc = curl_easy_setopt(curl, CURLOPT_URL, ait_url);
-        if (rc == CURLE_OK) rc = curl_easy_setopt(curl, CURLOPT_USERAGENT, getAMUserAgent());
-        if (rc != CURLE_OK) {
-            AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
-            return 0;
-        }
-        rc = curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-        if (rc != CURLE_OK) {
-            AM_ERROR("curl_easy_setopt CURLOPT_FOLLOWLOCATION failed with code: %d\n",
-                     static_cast<int>(rc));
-            return 0;
-        }
-        auto set = [&](CURLcode result) {
-            if (rc == CURLE_OK) rc = result;
-            return rc == CURLE_OK;
-        };
-        const bool ok =
-            set(curl_easy_setopt(curl, CURLOPT_SSLCERTTYPE, "PEM")) &&
-            set(curl_easy_setopt(curl, CURLOPT_SSLCERT, client_cert.c_str())) &&
-            set(curl_easy_setopt(curl, CURLOPT_SSLKEYTYPE, "PEM")) &&
-            set(curl_easy_setopt(curl, CURLOPT_SSLKEY, client_key.c_str())) &&
-            set(curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str())) &&
-            set(curl_easy_setopt(curl, CURLOPT_CAPATH, ca_bundle.c_str())) &&
-            set(curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HTTPProbingDataXmlAit)) &&
-            set(curl_easy_setopt(curl, CURLOPT_WRITEDATA, page_xml_ait.get())) &&
-            set(curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
-                                 seams::http_connect_timeout(kXmlAitConnectTimeout))) &&
-            set(curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L));
-        if (!ok) {
-            AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
-            return 0;
-        }
-        // No overall time limit: only the connect limit bounds this transfer
-        // (the download itself is bounded to APPMGR_PAGE_SIZE - 1 bytes).
-        const CURLcode res = curl_easy_perform(curl);
-        if (res != CURLE_OK) {
-            AM_ERROR("Sending soup message failed :%d\n\n", static_cast<int>(res));
-            return 0;
-        }
-    }
-    AM_INFO("parse_xml_ait downloaded %d bytes from %s\n", page_xml_ait->len, ait_url);
-    return appmgr::xml::start_downloaded_xml_ait(page_xml_ait->data, page_xml_ait->len, ait_url);
-}
-
-int xmlAitUpdate(char* ait_url) {
-    if (ait_url == nullptr) {
-        AM_ERROR("xmlAitUpdate: no URL\n");
-        return 0;
-    }
-    char* user_agent = getAMUserAgent();
-    auto page_ait_update = std::make_unique<PageInfo>();
-    PageInfo& page = *page_ait_update;
-    {
-        CurlHandle handle;
-        CURL* curl = handle.curl;
-        if (curl == nullptr) {
-            AM_ERROR("Cannot create curl handle \n\n");
-            return 0;
-        }
-        AM_INFO("xmlAitUpdate ait_url = %s,UA:[%s]\n\n", ait_url,
-                user_agent != nullptr ? user_agent : "");
-        const std::string ca_bundle = seams::ca_bundle_path();
-        // Option results are not checked: a refused option shows up as a
-        // failed transfer.
-        curl_easy_setopt(curl, CURLOPT_URL, ait_url);
-        curl_easy_setopt(curl, CURLOPT_USERAGENT, user_agent);
-        curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str());
-        curl_easy_setopt(curl, CURLOPT_CAPATH, ca_bundle.c_str());
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HTTPProbingDataAitUpdate);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &page);
-        curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
-                         seams::http_connect_timeout(kUpdateConnectTimeout));
-        curl_easy_setopt(curl, CURLOPT_TIMEOUT, seams::http_total_timeout(kUpdateTimeout));
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        const CURLcode res = curl_easy_perform(curl);
-        AM_INFO("xmlAitUpdate res = %d\n\n", static_cast<int>(res));
-        if (res != CURLE_OK) return 0;
-    }
-    // A document must begin with the XML declaration itself: no byte-order
-    // mark, no blank before it. Five bytes or fewer are no document at all.
-    if (page.len <= 5) {
-        AM_ERROR("XML not parsed successfully \n\n");
-        return 0;
-    }
-    if (std::memcmp(page.data, "<?xml", 5) != 0) {
-        const auto* b = reinterpret_cast<const unsigned char*>(page.data);
-        AM_ERROR(" error-->this url is not xml file,data:[%x-%x-%x-%x-%x]\n\n", b[0], b[1], b[2],
-                 b[3], b[4]);
-        return 0;
-    }
-    AM_INFO("ait update down ok\n");
-
-    AitTable* table = nullptr;
-    int num = 0;
-    char triplet[kTripletLength] = "";
-    Channel* channel = nullptr;
-    {
-        appmgr::xml::ParsedDocument doc(page.data, page.len, appmgr::xml::kUpdateDocumentUrl);
-        if (!doc.ok()) {
-            AM_ERROR("XML not parsed successfully \n\n");
-            return 0;
-        }
-        num = find_number_of_applications(doc.root());
-        if (num > kMaxApplications) {
-            AM_WARN("%d applications in the XML AIT, the first %d are read\n", num,
-                    kMaxApplications);
-            num = kMaxApplications;
-        }
-        table = allocate_ait_table(num, kUrlLength);
-        if (table == nullptr) {
-            AM_ERROR("out of memory for the XML AIT table\n");
-            return 0;
-        }
-        int counter = 0;
-        find_elements_ait_table(doc.root(), table, &counter);
-    }
-    // The service the table is attached to, as "dvb://onid.tsid.sid" in
-    // lower-case hexadecimal; empty without a current service.
-    channel = hbbGetCurrentChannel();
-    if (channel != nullptr)
-        std::snprintf(triplet, sizeof(triplet), "dvb://%x.%x.%x",
-                      static_cast<unsigned>(channel->onid), static_cast<unsigned>(channel->tsid),
-                      static_cast<unsigned>(channel->sid));
-    AM_INFO("XML AIT TRIPLET: %s \n\n", triplet);
-    AM_INFO("XML parsed successfully \n\n");
-    if (num < 1) {
-        AM_INFO("we are not get any ait info form this XML file\n\n");
-        free_ait_table(&table);
-        channel_destroy(channel);
-        return 0;
-    }
-
-    int valid = 0;
-    for (int i = 0; i < table->app_lenght; ++i)
-        if (is_valid_type(table->apps[i].app_type)) ++valid;
-
-    if (valid == num) {
-        copy_text(table->dvb_url, sizeof(table->dvb_url), triplet);
-        AM_INFO("XML parsed successfully 2\n\n");
-        hand_over(table);
-        free_ait_table(&table);
-    } else {
-        // A table that mixes in other application types is handed on as it
-        // was read, without the service locator; the copy holding only the
-        // valid applications is built and logged, and not used further.
-        AitTable* filtered = allocate_ait_table(valid, kUrlLength);
-        if (filtered != nullptr) {
-            copy_valid_applications(table, filtered);
-            filtered->app_type = HBBTV_APPLICATION_TYPE;
-            AM_INFO("XML parsed successfully 1\n\n");
-            copy_text(filtered->dvb_url, sizeof(filtered->dvb_url), triplet);
-            filtered->CRC_count = 0;
-            filtered->CRC = nullptr;
-            hand_over(table);
-            free_ait_table(&filtered);
-        } else {
-            AM_ERROR("out of memory for the filtered XML AIT table\n");
-        }
-        free_ait_table(&table);
-    }
-    channel_destroy(channel);
-    AM_INFO("XML parsed successfully and update ait success\n\n");
-    return 1;
-}
 
 APPMGR_API void Hbbtv_PrintfCURLTime(void* curl) {
     if (curl == nullptr) return;

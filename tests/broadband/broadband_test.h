@@ -9,13 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "ait_builder.h"
 #include "app_mgr.h"
-#include "app_mgr_state.h"
 #include "common/seams.h"
-#include "core/core_internal.h"
+#include "ait/ait.h"
+#include "core/core.h"
+#include "state/state.h"
 #include "hbb_sim.h"
 #include "test_support.h"
-#include "xml/xml_ait_internal.h"
+#include "xml/xml.h"
 
 namespace appmgr::test {
 
@@ -35,10 +37,8 @@ protected:
     void SetUp() override {
         LibraryTest::SetUp();
         initAitGuard();
-        network_status = NETWORK_ON;
-        teminal_version_major = 1;
-        teminal_version_minor = 6;
-        teminal_version_micro = 1;
+        set_network(NETWORK_ON);
+        set_terminal_version(1, 6, 1);
         char ua[] = "AppMgrTest/1.0";
         setAMUserAgent(ua);
         seams::set_http_timeouts(2, 3);

@@ -75,16 +75,16 @@ TEST_F(HttpProbeTest, EveryRedirectHopIsJudged) {
 
 TEST_F(HttpProbeTest, NetworkStateGatesTheTransfer) {
     server_.respond("/app", "200 OK");
-    network_status = NETWORK_OFF;
+    set_network(NETWORK_OFF);
     EXPECT_EQ(probe(server_.url("/app")), 0);
     EXPECT_EQ(server_.connections(), 0);
     EXPECT_FALSE(log_.contains("probe_http_app"));
 
-    network_status = NETWORK_CHECKING;
+    set_network(NETWORK_CHECKING);
     EXPECT_EQ(probe(server_.url("/app")), 1);
     EXPECT_EQ(server_.requests().size(), 1u);
 
-    network_status = NETWORK_ON;
+    set_network(NETWORK_ON);
     EXPECT_EQ(probe_http_app(nullptr), 0);
     EXPECT_TRUE(log_.contains("Invalid arguments !"));
 }

@@ -30,7 +30,7 @@ protected:
         BroadbandTest::SetUp();
         // The launch path shows the page as a portal: no probe of the
         // application's own URL unless a test asks for it.
-        is_portal_mode = 1;
+        set_portal_mode(true);
     }
     int update(const std::string& url) {
         std::string copy = url;
@@ -48,7 +48,12 @@ TEST_F(XmlAitDownloadTest, ValidTableIsHandedOverWithTheServiceTriplet) {
     server_.respond("/ait.aitx", "200 OK",
                     xmlAit(xmlApp(10, 1, kHbbtvType, "AUTOSTART", 2, "http://h/", "a.html") +
                            xmlApp(10, 2, kCtvType, "PRESENT", 1, "https://h/", "b.html")));
-    application_vadility_flags = static_cast<unsigned char*>(std::calloc(1, 1));
+    // A broadcast table of one entry is current, its entry marked failed.
+    OwnedAit broadcast(16, "dvb://1.2.3", {AppSpec{}});
+    locked([&] {
+        state::replace_current_ait(*broadcast.get());
+        state::mark_entry_failed(0);
+    });
 
     EXPECT_EQ(update(server_.url("/ait.aitx")), 1);
 
@@ -62,12 +67,12 @@ TEST_F(XmlAitDownloadTest, ValidTableIsHandedOverWithTheServiceTriplet) {
     ASSERT_EQ(tables[0].apps.size(), 2u);
     EXPECT_EQ(tables[0].apps[0].url, "http://h/a.html");
     EXPECT_EQ(tables[0].apps[1].url, "https://h/b.html");
-    // Every entry of the handed table may be started.
-    ASSERT_NE(application_vadility_flags, nullptr);
-    EXPECT_EQ(application_vadility_flags[0], 1);
-    EXPECT_EQ(application_vadility_flags[1], 1);
-    // The autostart run took the AUTOSTART entry.
-    EXPECT_STREQ(hbbtv_start_url, "http://h/a.html");
+    // The autostart run took the handed table's AUTOSTART entry although
+    // the current table's first entry is marked; that mark and the current
+    // table stay as they were.
+    EXPECT_EQ(start_url(), "http://h/a.html");
+    EXPECT_EQ(current_entries(), 1);
+    EXPECT_FALSE(locked([] { return state::entry_startable(0); }));
     EXPECT_EQ(starts_.load(), 1);
     EXPECT_TRUE(log_.contains("XML parsed successfully 2"));
     EXPECT_TRUE(log_.contains("XML parsed successfully and update ait success"));
@@ -88,7 +93,7 @@ TEST_F(XmlAitDownloadTest, MixedTypesAndMissingServiceGiveAnEmptyTriplet) {
     EXPECT_EQ(tables[0].apps[0].type, "application/x-other");
     EXPECT_TRUE(log_.contains("XML parsed successfully 1"));
     // The unfiltered table's AUTOSTART entry is the one started.
-    EXPECT_STREQ(hbbtv_start_url, "http://h/o");
+    EXPECT_EQ(start_url(), "http://h/o");
 
     hbb_sim_set_current_channel(-1);
     server_.respond("/valid", "200 OK",
@@ -161,7 +166,7 @@ TEST_F(XmlAitDownloadTest, UpdateFollowsRedirectsAndFailsOnErrors) {
 // From the download to the running application: the autostart run probes
 // the chosen entry (outside portal mode) on the same server and starts it.
 TEST_F(XmlAitDownloadTest, HandedTableStartsItsProbedAutostartApplication) {
-    is_portal_mode = 0;
+    set_portal_mode(false);
     const std::string base = server_.url("/app/");
     server_.respond("/ait.aitx", "200 OK",
                     xmlAit(xmlApp(9, 1, kHbbtvType, "PRESENT", 7, base, "present.html") +
@@ -172,14 +177,14 @@ TEST_F(XmlAitDownloadTest, HandedTableStartsItsProbedAutostartApplication) {
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[1].method, "HEAD");
     EXPECT_EQ(requests[1].path, "/app/index.html");
-    EXPECT_EQ(std::string(hbbtv_start_url), base + "index.html");
+    EXPECT_EQ(start_url(), base + "index.html");
     EXPECT_EQ(starts_.load(), 1);
 }
 
 // parse_xml_ait reads the downloaded document as one application and starts
 // it when its ids are set and the terminal supports it.
 TEST_F(XmlAitDownloadTest, DownloadedSingleApplicationIsStartedOrRefused) {
-    is_portal_mode = 0;
+    set_portal_mode(false);
     server_.respond("/one.aitx", "200 OK",
                     xmlAit(xmlApp(3, 4, kHbbtvType, "AUTOSTART", 1, "http://h/", "one.html",
                                   "<mhp:applicationBoundary><mhp:BoundaryExtension>http://x/"
@@ -201,14 +206,13 @@ TEST_F(XmlAitDownloadTest, DownloadedSingleApplicationIsStartedOrRefused) {
     hbb_sim_set_parental_threshold(10);
     EXPECT_EQ(parse(server_.url("/rated.aitx")), 0);
     EXPECT_EQ(starts_.load(), 0);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
 
     EXPECT_EQ(parse(server_.url("/one.aitx")), 1);
-    EXPECT_STREQ(hbbtv_start_url, "http://h/one.html");
-    EXPECT_EQ(running_application_type, BROADCAST_INDEPENDENT);
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->organisation_id, 3);
-    EXPECT_EQ(running_application->app_id, 4);
+    EXPECT_EQ(start_url(), "http://h/one.html");
+    EXPECT_EQ(running_type(), BROADCAST_INDEPENDENT);
+    EXPECT_EQ(running_org_id(), 3);
+    EXPECT_EQ(running_app_id(), 4);
     EXPECT_EQ(starts_.load(), 1);
 
     EXPECT_EQ(parse_xml_ait(nullptr), 0);

@@ -9,7 +9,9 @@
 #include <sstream>
 
 #include "broadband_test.h"
-#include "core/core_internal.h"
+#include "ait/ait.h"
+#include "core/core.h"
+#include "state/state.h"
 
 namespace appmgr::test {
 namespace {
@@ -176,7 +178,6 @@ TEST_F(XmlAitReaderTest, ParentalRatingsAreBoundedInNumberAndRegion) {
     ASSERT_TRUE(parsed.ok());
     Application* app = allocate_application(1024);
     find_elements(parsed.root(), app);
-    parsed.release();
 
     ASSERT_NE(app->app_parental.parental, nullptr);
     EXPECT_EQ(app->app_parental.count, 20);
@@ -236,22 +237,24 @@ TEST_F(XmlAitReaderTest, ThirdPartyDocumentStartsItsApplication) {
     const standin::Frame frame = nextFrame(Connection::Application);
     EXPECT_EQ(frame.body, "59|http://itv.mit-xperts.com/|http://www.mit-xperts.com/|");
 
-    EXPECT_STREQ(hbbtv_start_url, "http://itv.mit-xperts.com/hbbtvtest/appmanager/xmlaitapp.php");
-    EXPECT_EQ(running_application_type, BROADCAST_INDEPENDENT);
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->organisation_id, 19);
-    EXPECT_EQ(running_application->app_id, 500);
-    EXPECT_STREQ(running_application->transport_protocol->url, hbbtv_start_url);
+    EXPECT_EQ(start_url(), "http://itv.mit-xperts.com/hbbtvtest/appmanager/xmlaitapp.php");
+    EXPECT_EQ(running_type(), BROADCAST_INDEPENDENT);
+    EXPECT_EQ(running_org_id(), 19);
+    EXPECT_EQ(running_app_id(), 500);
+    EXPECT_EQ(running_url(), start_url());
     EXPECT_EQ(starts_.load(), 1);
     EXPECT_TRUE(log_.contains("ParseXmlAitFile end"));
 }
 
 TEST_F(XmlAitReaderTest, PortalModeStartsWithoutTakingTheRunningRecord) {
-    is_portal_mode = 1;
+    set_portal_mode(true);
     ASSERT_EQ(parseText(xmlAit(xmlApp(7, 8, kHbbtvType, "AUTOSTART", 1, "http://p/", "a.html"))),
               1);
-    EXPECT_STREQ(hbbtv_start_url, "http://p/a.html");
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(start_url(), "http://p/a.html");
+    // The portal's page is recorded as a broadcast-independent page, not as
+    // the document's application.
+    EXPECT_EQ(running_org_id(), -1);
+    EXPECT_EQ(running_url(), "http://p/a.html");
     EXPECT_EQ(starts_.load(), 1);
 }
 
@@ -268,7 +271,7 @@ TEST_F(XmlAitReaderTest, MalformedDocumentsStartNothing) {
     EXPECT_EQ(ParseXmlAitFile(null_text, 10), 0);
     EXPECT_TRUE(log_.contains("XML not parsed successfully"));
     EXPECT_EQ(starts_.load(), 0);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
 }
 
 TEST_F(XmlAitReaderTest, HostileDocumentsAreRefusedOrReadWithinBounds) {

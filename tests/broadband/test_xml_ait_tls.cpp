@@ -39,10 +39,9 @@ TEST_F(XmlAitTlsTest, ClientCertificateOpensTheDownload) {
     ASSERT_TRUE(server.ready()) << server.output();
 
     EXPECT_EQ(parse(server.url("/ait.aitx")), 1) << server.output();
-    EXPECT_STREQ(hbbtv_start_url, "https://apps.example/tls.html");
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->organisation_id, 0x13);
-    EXPECT_EQ(running_application->app_id, 0x1f4);
+    EXPECT_EQ(start_url(), "https://apps.example/tls.html");
+    EXPECT_EQ(running_org_id(), 0x13);
+    EXPECT_EQ(running_app_id(), 0x1f4);
     EXPECT_EQ(starts_.load(), 1);
 }
 
@@ -91,14 +90,14 @@ TEST_F(XmlAitTlsTest, PortalOpensThroughAnXmlAit) {
     std::ofstream(docroot_.path() + "portal.xml") << in.rdbuf();
     std::string url = server.url("/portal.xml");
     ASSERT_EQ(openWebPortal(url.data()), 1) << server.output();
-    EXPECT_EQ(is_portal_mode, 1);
-    EXPECT_EQ(current_broadcast_state, VBOS_STOPPED);
+    EXPECT_TRUE(portal_mode());
+    EXPECT_EQ(broadcast_state(), VBOS_STOPPED);
     EXPECT_TRUE(log_.contains("is xml ait file url"));
-    EXPECT_STREQ(hbbtv_start_url, "https://apps.example/tls.html");
+    EXPECT_EQ(start_url(), "https://apps.example/tls.html");
     EXPECT_EQ(starts_.load(), 1);
     ASSERT_EQ(closeWebPortal(), 1);
-    EXPECT_EQ(is_portal_mode, 0);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(portal_mode());
+    EXPECT_FALSE(app_running());
 }
 
 }  // namespace appmgr::test

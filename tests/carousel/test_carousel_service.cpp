@@ -7,7 +7,7 @@
 
 #include "carousel_tree.h"
 #include "hbb_sim.h"
-#include "hbbtv_externals/hbbtvDSMCCExternals.h"
+#include "dsmcc/dsmcc.h"
 #include "test_support.h"
 
 using namespace appmgr::test;

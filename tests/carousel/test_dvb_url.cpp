@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "common/seams.h"
-#include "dsmcc/DSMCCUtils.h"
+#include "dsmcc/dsmcc.h"
 #include "hbb_sim.h"
 #include "test_support.h"
 

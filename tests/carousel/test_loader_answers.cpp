@@ -8,7 +8,7 @@
 #include <string>
 
 #include "hbb_sim.h"
-#include "hbbtv_externals/hbbtvDSMCCExternals.h"
+#include "dsmcc/dsmcc.h"
 #include "test_support.h"
 
 using namespace appmgr::test;

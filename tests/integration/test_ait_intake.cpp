@@ -6,12 +6,14 @@
 
 #include "ait_builder.h"
 #include "app_mgr.h"
-#include "app_mgr_state.h"
-#include "core/core_internal.h"
+#include "ait/ait.h"
+#include "core/core.h"
+#include "state/state.h"
 #include "hbb_sim.h"
 #include "test_support.h"
 
 using namespace appmgr::test;
+namespace state = appmgr::state;
 
 namespace {
 
@@ -20,9 +22,7 @@ class AitIntakeTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        teminal_version_major = 1;
-        teminal_version_minor = 7;
-        teminal_version_micro = 1;
+        locked([] { state::set_terminal_version({1, 7, 1}); });
         hbb_sim_set_parental_threshold(18);
         ASSERT_EQ(startWithBrowser(), 1);
         ASSERT_EQ(applicationManagerInit(), 1);
@@ -55,10 +55,9 @@ TEST_F(AitIntakeTest, AutostartIsAnnouncedAndStarted) {
     EXPECT_EQ(body(), "59|http://a.example|http://b.example|");
     EXPECT_EQ(body(), "50|dvb://1.2.3.1/app2/index.html|");
     EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->app_id, 2);
-    EXPECT_STREQ(current_ait.dvb_url, "dvb://1.2.3");
-    EXPECT_EQ(current_ait.app_lenght, 3);
+    EXPECT_EQ(running_app_id(), 2);
+    EXPECT_EQ(current_locator(), "dvb://1.2.3");
+    EXPECT_EQ(current_entries(), 3);
     EXPECT_EQ(refusals(), 0);
 }
 
@@ -83,7 +82,7 @@ TEST_F(AitIntakeTest, RefusedTablesLeaveTheCurrentAit) {
     EXPECT_TRUE(log_.contains("Invalid DVB url len: 3"));
     EXPECT_TRUE(log_.contains("Invalid DVB url len: 256"));
     EXPECT_EQ(refusals(), 2);  // a 255-character locator is accepted
-    EXPECT_EQ(current_ait.app_lenght, 1);
+    EXPECT_EQ(current_entries(), 1);
 
     AppSpec nameless = carousel(3);
     nameless.name = nullptr;
@@ -94,8 +93,8 @@ TEST_F(AitIntakeTest, RefusedTablesLeaveTheCurrentAit) {
     no_url->apps[0].transport_protocol->url = nullptr;
     deliver(no_url);
     EXPECT_EQ(refusals(), 4);
-    EXPECT_STREQ(s_dvb_url, "dvb://1.2.3");
-    EXPECT_EQ(current_ait.apps[0].transport_protocol->url, std::string(long_url->apps[0].transport_protocol->url));
+    EXPECT_EQ(locked([] { return std::string(state::carrier_url()); }), "dvb://1.2.3");
+    EXPECT_EQ(current_entry_url(0), std::string(long_url->apps[0].transport_protocol->url));
 }
 
 TEST_F(AitIntakeTest, DtgTableShadowsHbbtvTablesOfTheSameService) {
@@ -115,12 +114,12 @@ TEST_F(AitIntakeTest, DtgTableShadowsHbbtvTablesOfTheSameService) {
 TEST_F(AitIntakeTest, EmptyTableEndsTheApplicationAndIsReportedRefused) {
     OwnedAit ait(16, "dvb://1.2.3", {carousel(1)});
     deliver(ait);
-    ASSERT_NE(running_application, nullptr);
+    ASSERT_TRUE(app_running());
     OwnedAit empty(16, "dvb://1.2.3", {});
     deliver(empty);
-    EXPECT_EQ(running_application, nullptr);
-    EXPECT_EQ(current_ait.app_lenght, 0);
-    EXPECT_EQ(current_ait.apps, nullptr);
+    EXPECT_FALSE(app_running());
+    EXPECT_EQ(current_entries(), 0);
+    EXPECT_EQ(locked([] { return state::current_ait().apps; }), nullptr);
     EXPECT_EQ(refusals(), 1);
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
 }
@@ -128,17 +127,17 @@ TEST_F(AitIntakeTest, EmptyTableEndsTheApplicationAndIsReportedRefused) {
 TEST_F(AitIntakeTest, KeepOrKillOnANewTable) {
     OwnedAit first(16, "dvb://1.2.3", {carousel(1)});
     deliver(first);
-    ASSERT_NE(running_application, nullptr);
-    Application* before = running_application;
+    ASSERT_TRUE(app_running());
+    const Application* before = running_record();
 
     OwnedAit present(16, "dvb://1.2.3", {carousel(1, PRESENT)});
     deliver(present);
-    EXPECT_EQ(running_application, before);
+    EXPECT_EQ(running_record(), before);
     EXPECT_EQ(MiddlewareCallbacks::stops(), 0);
 
     OwnedAit killed(16, "dvb://1.2.3", {carousel(1, KILL), carousel(2, PRESENT)});
     deliver(killed);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
     EXPECT_EQ(hbb_sim_call_count("hbbBindCurrentChannel"), 1);
     EXPECT_TRUE(log_.contains("kill running application because it is not signaled anymore"));
@@ -153,20 +152,20 @@ TEST_F(AitIntakeTest, TestTableKillsEvenASignalledApplication) {
     // Killed, then chosen again as the autostart of the same table.
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
     EXPECT_EQ(MiddlewareCallbacks::starts(), 2);
-    ASSERT_NE(running_application, nullptr);
+    ASSERT_TRUE(app_running());
 }
 
 TEST_F(AitIntakeTest, TablesBeforeActivationBecomeCurrentButStartNothing) {
     applicationManagerDeInit();
     OwnedAit ait(16, "dvb://1.2.3", {carousel(1)});
     deliver(ait);
-    EXPECT_EQ(current_ait.app_lenght, 1);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_EQ(current_entries(), 1);
+    EXPECT_FALSE(app_running());
     EXPECT_EQ(MiddlewareCallbacks::starts(), 0);
     // Activation starts the autostart entry of the current table.
     ASSERT_EQ(applicationManagerInit(), 1);
     EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
-    ASSERT_NE(running_application, nullptr);
+    ASSERT_TRUE(app_running());
 }
 
 TEST_F(AitIntakeTest, HttpAutostartWaitsForTheNetwork) {
@@ -174,12 +173,11 @@ TEST_F(AitIntakeTest, HttpAutostartWaitsForTheNetwork) {
     const std::string url = "http://www.live.bbctvapps.co.uk/app/index.html";
     OwnedAit ait(16, "dvb://1.2.3", {http_app(7, 8, url)});
     deliver(ait);
-    EXPECT_EQ(running_application, nullptr);  // network off
+    EXPECT_FALSE(app_running());  // network off
     ASSERT_EQ(hbb_sim_fire_network_status(NETWORK_ON), 0);
     EXPECT_EQ(body(), "59|no boundary|");
     EXPECT_EQ(body(), "50|" + url + "|");
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->app_id, 8);
+    EXPECT_EQ(running_app_id(), 8);
 }
 
 TEST_F(AitIntakeTest, ChannelChangeAppliesServiceBinding) {
@@ -187,31 +185,37 @@ TEST_F(AitIntakeTest, ChannelChangeAppliesServiceBinding) {
     unbound.service_bound = 0;
     OwnedAit ait(16, "dvb://1.2.3", {unbound});
     deliver(ait);
-    ASSERT_NE(running_application, nullptr);
+    ASSERT_TRUE(app_running());
     char ccid[] = "ccid:9", name[] = "Nine", dsd[] = "";
     Channel ch{CHANNEL_TYPE_TV, ccid, 1, 2, 9, name, dsd, 0, 1, 0, 0};
     channelChanged(&ch);
     EXPECT_EQ(nextFrame(Connection::Callbacks).body, "60|0|ccid:9|1|1|2|9|Nine||0|0|0|");
-    EXPECT_NE(running_application, nullptr);  // not service bound: kept
-    EXPECT_EQ(current_version, -1);
+    EXPECT_TRUE(app_running());  // not service bound: kept
+    EXPECT_EQ(check_version(0), 1) << "any version is new after a channel change";
 
-    running_application->is_service_bound = 1;
+    // A service-bound application of the new table is killed by the next change.
+    AppSpec bound = carousel(1, PRESENT);
+    bound.service_bound = 1;
+    OwnedAit next(16, "dvb://1.2.3", {bound});
+    locked([&] { update_running_application(&next->apps[0]); });
     channelChanged(&ch);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
 }
 
 TEST_F(AitIntakeTest, ChannelChangeKeepsAnIndependentApplicationOnlyAfterItsOwnTune) {
     char url[] = "http://host.example/app.html";
-    update_running_application_as_independent(url);
-    running_application_type = BROADCAST_INDEPENDENT;
-    tunning_requested_by = REQUESTED_BY_INDEPENDENT_TYPE;
+    locked([&] {
+        update_running_application_as_independent(url);
+        state::set_running_type(BROADCAST_INDEPENDENT);
+        state::set_tune_requester(REQUESTED_BY_INDEPENDENT_TYPE);
+    });
     channelChanged(nullptr);
-    EXPECT_NE(running_application, nullptr);
-    EXPECT_EQ(tunning_requested_by, NOT_REQUESTED);
+    EXPECT_TRUE(app_running());
+    EXPECT_EQ(locked([] { return state::tune_requester(); }), NOT_REQUESTED);
     EXPECT_EQ(hbb_sim_call_count("DSMCC_Disconnect"), 1);
     channelChanged(nullptr);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
 }
 
 TEST_F(AitIntakeTest, NamedApplicationFromTheCurrentAit) {
@@ -220,13 +224,12 @@ TEST_F(AitIntakeTest, NamedApplicationFromTheCurrentAit) {
     named.url = "dvb://1.2.3.1/app/index.html?lang=fr";
     OwnedAit ait(16, "dvb://1.2.3", {named});
     deliver(ait);
-    ASSERT_EQ(running_application, nullptr);  // PRESENT is not started by itself
+    ASSERT_FALSE(app_running());  // PRESENT is not started by itself
     char locator[] = "dvb://current.ait/13.1a?page=2";
-    EXPECT_EQ(application_create(locator), 1);
+    EXPECT_EQ(locked([&] { return application_create(locator); }), 1);
     EXPECT_EQ(body(), "59|no boundary|");
     EXPECT_EQ(body(), "50|dvb://1.2.3.1/app/index.html?lang=fr&page=2|");
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->organisation_id, 0x13);
+    EXPECT_EQ(running_org_id(), 0x13);
     char unknown[] = "dvb://current.ait/13.1b";
-    EXPECT_EQ(application_create(unknown), 0);
+    EXPECT_EQ(locked([&] { return application_create(unknown); }), 0);
 }

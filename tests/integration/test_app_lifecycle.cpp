@@ -8,12 +8,14 @@
 
 #include "ait_builder.h"
 #include "app_mgr.h"
-#include "app_mgr_state.h"
-#include "core/core_internal.h"
+#include "ait/ait.h"
+#include "core/core.h"
+#include "state/state.h"
 #include "hbb_sim.h"
 #include "test_support.h"
 
 using namespace appmgr::test;
+namespace state = appmgr::state;
 
 // The media-delivery service is replaced for these tests: URLs containing
 // "player" are served by a player page.
@@ -30,9 +32,7 @@ class AppLifecycleTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        teminal_version_major = 1;
-        teminal_version_minor = 7;
-        teminal_version_micro = 1;
+        locked([] { state::set_terminal_version({1, 7, 1}); });
         ASSERT_EQ(startWithBrowser(), 1);
         ASSERT_EQ(applicationManagerInit(), 1);
         MiddlewareCallbacks::install();
@@ -50,6 +50,11 @@ protected:
     }
     void deliver(OwnedAit& ait) { ASSERT_EQ(hbb_sim_fire_ait(ait.get()), 0); }
     void send(const std::string& msg) { ASSERT_TRUE(browser_.send(Connection::Application, msg)); }
+    bool activated() { return locked([] { return state::activated(); }); }
+    bool visible() { return locked([] { return state::visible(); }); }
+    bool portal_mode() { return locked([] { return state::portal(); }); }
+    VideoBroadcastState broadcast() { return locked([] { return state::broadcast(); }); }
+    bool startable(int index) { return locked([&] { return state::entry_startable(index); }); }
 };
 
 AppSpec teletext(int app, int priority, int protocol = 1) {
@@ -70,60 +75,61 @@ TEST_F(AppLifecycleTest, DestroyNeedsMatchingIdsButAlwaysDeactivates) {
     AppSpec a;
     a.control = PRESENT;
     OwnedAit ait(16, "dvb://1.2.3", {a});
-    update_running_application(&ait->apps[0]);
-    EXPECT_EQ(bIsApplicationActivated, 1u);  // PRESENT activates
+    locked([&] { update_running_application(&ait->apps[0]); });
+    EXPECT_TRUE(activated());  // PRESENT activates
     application_destroy(a.org, a.app + 1);
-    EXPECT_NE(running_application, nullptr);
-    EXPECT_EQ(bIsApplicationActivated, 0u);
+    EXPECT_TRUE(app_running());
+    EXPECT_FALSE(activated());
     EXPECT_TRUE(log_.contains("Ignoring destroy command"));
     application_destroy(a.org, a.app);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
     EXPECT_EQ(hbb_sim_display_mode(), 0);
 }
 
 TEST_F(AppLifecycleTest, ShowAndHideRespectFullScreenVideo) {
-    application_show(0);
+    locked([] { application_show(0); });
     EXPECT_EQ(bodyOf(53), "53|(null)|");
-    EXPECT_EQ(is_app_visible, 1);
+    EXPECT_TRUE(visible());
     EXPECT_EQ(hbb_sim_display_state(), EN_HBB_FULLSCREEN_NO_VOD);
-    application_hide(0);
+    locked([] { application_hide(0); });
     EXPECT_EQ(bodyOf(54), "54|(null)|");
     EXPECT_EQ(body(), "402|0|");
-    EXPECT_EQ(is_app_visible, 0);
+    EXPECT_FALSE(visible());
     EXPECT_EQ(hbb_sim_display_state(), EN_HBB_RED_BUTTON);
 
     hbbStateChange(EN_HBB_FULLSCREEN_VOD);
-    application_show(0);
-    application_hide(0);
+    locked([] {
+        application_show(0);
+        application_hide(0);
+    });
     EXPECT_EQ(hbb_sim_display_state(), EN_HBB_FULLSCREEN_VOD);
-    EXPECT_EQ(is_app_visible, 0);
+    EXPECT_FALSE(visible());
     // Nothing reached the browser: the next frame is this marker.
     setTimeZone(0, 0, 0);
     EXPECT_EQ(body(), "141|UTC+00:00:00|");
 
     // Display-state only requests do not touch the page.
     hbbStateChange(EN_HBB_OFF);
-    application_show(1);
+    locked([] { application_show(1); });
     EXPECT_EQ(hbb_sim_display_state(), EN_HBB_FULLSCREEN_NO_VOD);
-    EXPECT_EQ(is_app_visible, 0);
+    EXPECT_FALSE(visible());
 }
 
 TEST_F(AppLifecycleTest, TeletextTogglesByPriority) {
     OwnedAit ait(16, "dvb://1.2.3", {teletext(1, 3), teletext(2, 8, 3), teletext(3, 5)});
     deliver(ait);
-    ASSERT_EQ(has_teletext_application, 1);
+    ASSERT_EQ(locked([] { return hasTeletextApplication(); }), 1);
     // Network off: the HTTP teletext entry (priority 8) is skipped.
-    EXPECT_EQ(find_teletext_application_index(), 2);
+    EXPECT_EQ(locked([] { return find_teletext_application_index(); }), 2);
     ASSERT_EQ(toggleTeletextApplication(1), 1);
     EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/ttx3/index.html|");
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->app_id, 3);
+    EXPECT_EQ(running_app_id(), 3);
     EXPECT_EQ(toggleTeletextApplication(1), 1);  // already running
     EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
     EXPECT_EQ(toggleTeletextApplication(7), 0);
     EXPECT_EQ(toggleTeletextApplication(0), 1);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
     EXPECT_EQ(toggleTeletextApplication(0), 1);  // nothing to switch off
 
     OwnedAit none(16, "dvb://1.2.3", {AppSpec{}});
@@ -134,20 +140,20 @@ TEST_F(AppLifecycleTest, TeletextTogglesByPriority) {
 TEST_F(AppLifecycleTest, PortalThroughAPlayerPageAndClose) {
     char portal[] = "http://portal.example/player/home";
     ASSERT_EQ(openWebPortal(portal), 1);
-    EXPECT_EQ(is_portal_mode, 1);
-    // In portal mode the start URL goes out as command 140 (from the
-    // middleware's start callback), then the boundary.
-    EXPECT_EQ(bodyOf(140), "140|http://player.example/play?src=http://portal.example/player/home|");
+    EXPECT_TRUE(portal_mode());
+    // The boundary reaches the browser before the page it bounds; in portal
+    // mode the start URL goes out as command 140 (from the middleware's
+    // start callback).
     EXPECT_EQ(body(), "59|no boundary|");
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->organisation_id, -1);
-    EXPECT_EQ(current_broadcast_state, VBOS_STOPPED);
-    EXPECT_EQ(hasApplicationRuning(), 1);
+    EXPECT_EQ(bodyOf(140), "140|http://player.example/play?src=http://portal.example/player/home|");
+    EXPECT_EQ(running_org_id(), -1);
+    EXPECT_EQ(broadcast(), VBOS_STOPPED);
+    EXPECT_EQ(locked([] { return hasApplicationRuning(); }), 1);
 
     ASSERT_EQ(closeWebPortal(), 1);
-    EXPECT_EQ(is_portal_mode, 0);
-    EXPECT_EQ(running_application, nullptr);
-    EXPECT_EQ(current_broadcast_state, VBOS_PRESENTING);
+    EXPECT_FALSE(portal_mode());
+    EXPECT_FALSE(app_running());
+    EXPECT_EQ(broadcast(), VBOS_PRESENTING);
     EXPECT_EQ(hbb_sim_call_count("hbbSetChannel"), 1);  // re-tuned
     EXPECT_EQ(hbb_sim_call_count("hbbWaitingVodDecoderRelease"), 1);
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
@@ -157,7 +163,7 @@ TEST_F(AppLifecycleTest, PortalThroughAPlainUrlIsNotProbed) {
     char portal[] = "http://portal.example/home.html";
     ASSERT_EQ(openWebPortal(portal), 1);
     EXPECT_EQ(bodyOf(140), "140|http://portal.example/home.html|");
-    EXPECT_EQ(running_application_type, BROADCAST_INDEPENDENT);
+    EXPECT_EQ(running_type(), BROADCAST_INDEPENDENT);
     EXPECT_FALSE(log_.contains("Detected Http App"));
     // A load failure in portal mode shows the portal error page.
     send("88|");
@@ -167,9 +173,9 @@ TEST_F(AppLifecycleTest, PortalThroughAPlainUrlIsNotProbed) {
 
 TEST_F(AppLifecycleTest, LaunchTypes) {
     char url[] = "http://launch.example/app.html";
-    is_portal_mode = 1;
+    locked([] { state::set_portal(true); });
     EXPECT_EQ(Hbbtv_AM_Launch_Application(eLaunchFormEpg, url), 0);
-    EXPECT_EQ(is_portal_mode, 0);
+    EXPECT_FALSE(portal_mode());
     EXPECT_EQ(Hbbtv_AM_Launch_Application(static_cast<eLaunchType>(10), url), 0);
     EXPECT_EQ(Hbbtv_AM_Launch_Application(eLaunchFormBroadcastApp, nullptr), 0);
     char dvb[] = "dvb://1.2.3.1/index.html";
@@ -180,7 +186,8 @@ TEST_F(AppLifecycleTest, LaunchTypes) {
 TEST_F(AppLifecycleTest, PageEventsFromTheBrowser) {
     send("82|http://host.example/dir/page.html|");
     ASSERT_TRUE(log_.waitFor("page http://host.example/dir/page.html is loaded...", 3000));
-    EXPECT_STREQ(loaded_application, "http://host.example/dir/page.html");
+    EXPECT_EQ(locked([] { return std::string(state::loaded_url()); }),
+              "http://host.example/dir/page.html");
 
     send("89|1|");
     ASSERT_TRUE(log_.waitFor("application hidden... is_css = 1", 3000));
@@ -192,7 +199,7 @@ TEST_F(AppLifecycleTest, PageEventsFromTheBrowser) {
     a.url = "dvb://1.2.3.1/index.html";
     OwnedAit ait(16, "dvb://1.2.3", {a});
     deliver(ait);
-    ASSERT_NE(running_application, nullptr);
+    ASSERT_TRUE(app_running());
     EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
     send("51|");
     // Destroyed, then the autostart of the current table runs again.
@@ -206,12 +213,13 @@ TEST_F(AppLifecycleTest, SettingsAndNotifications) {
     char ua[] = "Mozilla/5.0 HbbTV/1.4.1 (; Vendor; Model; 1.0; ;)";
     configureUserAgentAddon(ua);
     EXPECT_EQ(body(), std::string("24|") + ua + "|");
-    EXPECT_EQ(teminal_version_major, 1);
-    EXPECT_EQ(teminal_version_minor, 4);
-    EXPECT_EQ(teminal_version_micro, 1);
+    auto version = [] { return locked([] { return state::terminal_version(); }); };
+    EXPECT_EQ(version().major, 1);
+    EXPECT_EQ(version().minor, 4);
+    EXPECT_EQ(version().micro, 1);
     char too_short[] = "Mozilla/5.0 HbbTV/2.0.3";
     configureUserAgentAddon(too_short);
-    EXPECT_EQ(teminal_version_minor, 4);  // one character short: unchanged
+    EXPECT_EQ(version().minor, 4);  // one character short: unchanged
     body();
     configureCookies(1);
     EXPECT_EQ(body(), "26|1|");
@@ -230,15 +238,15 @@ TEST_F(AppLifecycleTest, SettingsAndNotifications) {
 
 TEST_F(AppLifecycleTest, NetworkStatusTransitions) {
     EXPECT_EQ(sendNetworkStatus(3), 0);
-    EXPECT_EQ(network_status, NETWORK_OFF);
+    EXPECT_EQ(locked([] { return state::network(); }), NETWORK_OFF);
     EXPECT_EQ(sendNetworkStatus(0), 0);
     EXPECT_TRUE(log_.contains("Same status received, ignoring..."));
     char url[] = "http://host.example/app.html";
-    update_running_application_as_independent(url);
+    locked([&] { update_running_application_as_independent(url); });
     EXPECT_EQ(sendNetworkStatus(1), 1);
     EXPECT_EQ(sendNetworkStatus(0), 1);
     EXPECT_TRUE(log_.contains("There is running http application,but we not stop it"));
-    EXPECT_NE(running_application, nullptr);
+    EXPECT_TRUE(app_running());
 }
 
 TEST_F(AppLifecycleTest, LoadErrorMarksTheEntryAndTheNextOneStarts) {
@@ -251,10 +259,9 @@ TEST_F(AppLifecycleTest, LoadErrorMarksTheEntryAndTheNextOneStarts) {
     present.url = "dvb://1.2.3.1/index.html";
     OwnedAit ait(16, "dvb://1.2.3", {missing, present});
     deliver(ait);
-    ASSERT_NE(running_application, nullptr);
-    EXPECT_EQ(running_application->app_id, 2);
-    EXPECT_EQ(application_vadility_flags[0], 0);
-    EXPECT_EQ(application_vadility_flags[1], 1);
+    EXPECT_EQ(running_app_id(), 2);
+    EXPECT_FALSE(startable(0));
+    EXPECT_TRUE(startable(1));
     EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
     EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
 
@@ -270,17 +277,17 @@ TEST_F(AppLifecycleTest, InterruptedCarouselCheckStartsNothing) {
     OwnedAit ait(16, "dvb://1.2.3", {a});
     hbb_sim_carousel_break_next(4);
     deliver(ait);
-    EXPECT_EQ(running_application, nullptr);
+    EXPECT_FALSE(app_running());
     EXPECT_EQ(MiddlewareCallbacks::starts(), 0);
     EXPECT_TRUE(log_.contains("hbbCheckDSMCCEntryType break"));
     // Not a load error: the entry may be tried again.
-    EXPECT_EQ(application_vadility_flags[0], 1);
+    EXPECT_TRUE(startable(0));
 }
 
 TEST_F(AppLifecycleTest, SwitchToIndependentStopsTheBroadcast) {
-    application_switch_to_independent();
-    EXPECT_EQ(running_application_type, BROADCAST_INDEPENDENT);
-    EXPECT_EQ(current_broadcast_state, VBOS_STOPPED);
-    EXPECT_EQ(bIsApplicationActivated, 1u);
+    locked([] { application_switch_to_independent(); });
+    EXPECT_EQ(running_type(), BROADCAST_INDEPENDENT);
+    EXPECT_EQ(broadcast(), VBOS_STOPPED);
+    EXPECT_TRUE(activated());
     EXPECT_EQ(hbb_sim_call_count("hbbStopChannel"), 1);
 }

@@ -86,7 +86,7 @@ TEST_F(LifecycleTest, ReportBeforeTheWaitIsSeenAtOnce) {
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
     EXPECT_EQ(browser_running(), 1);
     EXPECT_FALSE(log_.contains("check if browser is already running"));
-    appmgr::atomic_set(webkit_running, 0);
+    appmgr::state::set_browser_running(false);
     set_state(APP_MANAGER_DEINITIALIZED);
 }
 

@@ -106,17 +106,6 @@ TEST_F(MessengerTest, OneClientAtATimeAndReacceptAfterClose) {
     EXPECT_FALSE(log_.contains("Web browser crashed"));
 }
 
-TEST_F(MessengerTest, PluginCallbacksWaitForTheAitGuard) {
-    start("vodPlugins", 9517);
-    ASSERT_TRUE(browser_.connect(Connection::VodPlugins, 3000));
-    ASSERT_TRUE(connected());
-    ASSERT_TRUE(lockAitGuard());
-    ASSERT_TRUE(browser_.send(Connection::VodPlugins, "200|1|"));
-    EXPECT_FALSE(inbox_.waitFor(1, 300));
-    ASSERT_TRUE(unlockAitGuard());
-    EXPECT_TRUE(inbox_.waitFor(1));
-}
-
 TEST_F(MessengerTest, StopEndsTheThreadWhileListeningOrConnected) {
     start("DSMCC", 9515);
     ASSERT_TRUE(log_.waitFor("waiting on port 9515", 3000));

@@ -10,9 +10,8 @@
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
-#include "common/atomic_state.h"
-#include "core/core_internal.h"
-#include "core/keyset_internal.h"
+#include "core/core.h"
+#include "state/state.h"
 #include "hbb_sim.h"
 #include "test_support.h"
 
@@ -22,8 +21,12 @@ namespace {
 
 int other_keys[] = {0x1CD, 0};
 
-void set_activated(unsigned int on) { appmgr::atomic_set(bIsApplicationActivated, on); }
-void set_portal(int on) { appmgr::atomic_set(is_portal_mode, on); }
+void set_activated(unsigned int on) {
+    locked([&] { appmgr::state::set_activated(on == 1U); });
+}
+void set_portal(int on) {
+    locked([&] { appmgr::state::set_portal(on == 1); });
+}
 
 class KeySetTest : public LibraryTest {
 protected:
@@ -45,7 +48,7 @@ protected:
     }
     // Browser (last frame), platform and library agree on the mask.
     void expectInForce(int mask) {
-        EXPECT_EQ(current_key_set_value(), mask);
+        EXPECT_EQ(locked([] { return appmgr::core::current_key_set_value(); }), mask);
         EXPECT_EQ(hbb_sim_registered_keyset(), mask);
     }
 };

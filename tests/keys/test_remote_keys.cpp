@@ -22,7 +22,7 @@
 
 #include "common/seams.h"
 #include "app_mgr.h"
-#include "core/keyset_internal.h"
+#include "core/core.h"
 #include "test_support.h"
 
 using namespace appmgr::test;

@@ -121,7 +121,7 @@ void LibraryTest::TearDown() {
         tools_msg_close(&gData);
     } else if (state() != APP_MANAGER_DEINITIALIZED || browser_running()) {
         // Make sure the browser counts as present so close tears everything down.
-        appmgr::atomic_set(webkit_running, 1);
+        appmgr::state::set_browser_running(true);
         if (state() == APP_MANAGER_DEINITIALIZED) set_state(APP_MANAGER_SUSPENDED);
         applicationManagerClose();
     }

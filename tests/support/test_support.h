@@ -13,7 +13,7 @@
 
 #include "app_mgr_state.h"
 #include "browser_standin.h"
-#include "common/atomic_state.h"
+#include "state/state.h"
 
 namespace appmgr::test {
 
@@ -21,9 +21,60 @@ using standin::BrowserStandin;
 using standin::Connection;
 
 // Library globals that other threads write are read atomically.
-inline AppMgrState state() { return appmgr::library_state(); }
-inline void set_state(AppMgrState s) { appmgr::set_library_state(s); }
-inline int browser_running() { return appmgr::atomic_get(webkit_running); }
+inline AppMgrState state() { return appmgr::state::library(); }
+inline void set_state(AppMgrState s) { appmgr::state::set_library(s); }
+inline int browser_running() { return appmgr::state::browser_running() ? 1 : 0; }
+
+// Runs f with the manager lock held, as the library's own code does when it
+// reads or changes the manager state.
+template <typename F>
+auto locked(F&& f) {
+    appmgr::state::ManagerLock lock;
+    return f();
+}
+
+// Observations of the manager record, each read under the lock.
+inline const Application* running_record() {
+    return locked([] { return appmgr::state::running(); });
+}
+inline bool app_running() { return running_record() != nullptr; }
+inline int running_app_id() {
+    return locked([] { auto* a = appmgr::state::running(); return a ? a->app_id : -1; });
+}
+inline int running_org_id() {
+    return locked([] { auto* a = appmgr::state::running(); return a ? a->organisation_id : -1; });
+}
+inline std::string running_url() {
+    return locked([] {
+        auto* a = appmgr::state::running();
+        const char* url = a ? appmgr::records::entry_url(*a) : nullptr;
+        return std::string(url ? url : "");
+    });
+}
+inline std::string start_url() {
+    return locked([] { return std::string(appmgr::state::start_url()); });
+}
+inline bool portal_mode() { return locked([] { return appmgr::state::portal(); }); }
+inline void set_portal_mode(bool on) { locked([&] { appmgr::state::set_portal(on); }); }
+inline void set_network(NetworkStatus s) { locked([&] { appmgr::state::set_network(s); }); }
+inline void set_terminal_version(int major, int minor, int micro) {
+    locked([&] { appmgr::state::set_terminal_version({major, minor, micro}); });
+}
+inline VideoBroadcastState broadcast_state() {
+    return locked([] { return appmgr::state::broadcast(); });
+}
+inline ApplicationType running_type() { return locked([] { return appmgr::state::running_type(); }); }
+inline int current_entries() { return locked([] { return appmgr::state::current_ait().app_lenght; }); }
+inline std::string current_locator() {
+    return locked([] { return std::string(appmgr::state::current_ait().dvb_url); });
+}
+inline std::string current_entry_url(int index) {
+    return locked([&] {
+        auto* e = appmgr::state::current_entry(index);
+        const char* url = e ? appmgr::records::entry_url(*e) : nullptr;
+        return std::string(url ? url : "");
+    });
+}
 
 // A fresh directory under /tmp, removed with its content on destruction.
 class TempDir {

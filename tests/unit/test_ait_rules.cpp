@@ -7,38 +7,48 @@
 
 #include "ait_builder.h"
 #include "app_mgr.h"
-#include "app_mgr_state.h"
-#include "core/core_internal.h"
+#include "ait/ait.h"
+#include "core/core.h"
+#include "state/state.h"
 #include "hbb_sim.h"
 
 using namespace appmgr::test;
+namespace state = appmgr::state;
 
 namespace {
 
+// The rules run as the library runs them: with the manager lock held.
 class RulesTest : public ::testing::Test {
 protected:
     void SetUp() override {
         hbb_sim_reset();
         hbb_sim_set_log_stderr(0);
         hbb_sim_set_parental_threshold(12);
-        teminal_version_major = 1;
-        teminal_version_minor = 7;
-        teminal_version_micro = 1;
-        network_status = NETWORK_ON;
+        state::set_terminal_version({1, 7, 1});
+        state::set_network(NETWORK_ON);
     }
     void TearDown() override {
-        free_application(&running_application);
-        clear_current_ait();
-        std::free(application_vadility_flags);
-        application_vadility_flags = nullptr;
+        state::clear_running();
+        state::clear_current_ait();
     }
     // Index of the entry chosen by the autostart rule, -1 for none.
-    int chosen(OwnedAit& ait) {
-        find_autostart_app(ait->apps, ait->app_lenght);
-        return autostart_app == nullptr ? -1 : static_cast<int>(autostart_app - ait->apps);
+    int chosen(Application* apps, int length) {
+        find_autostart_app(apps, length);
+        const Application* a = state::autostart();
+        return a == nullptr ? -1 : static_cast<int>(a - apps);
     }
+    int chosen(OwnedAit& ait) { return chosen(ait->apps, ait->app_lenght); }
     void run(Application& a) { update_running_application(&a); }
+    const Application& running() { return *state::running(); }
+
+    state::ManagerLock lock_;
 };
+
+// Makes a table with this locator current.
+void set_current_locator(const char* locator) {
+    OwnedAit ait(16, locator, {AppSpec{}});
+    state::replace_current_ait(*ait.get());
+}
 
 AppSpec with_priority(AppSpec s, int priority) {
     s.priority = priority;
@@ -80,18 +90,18 @@ TEST_F(RulesTest, NetworkStatesGateBroadbandEntries) {
     AppSpec carousel;
     OwnedAit ait(16, "dvb://1.2.3", {http, needs_ip, carousel});
 
-    network_status = NETWORK_ON;
+    state::set_network(NETWORK_ON);
     EXPECT_EQ(chosen(ait), 0);
-    network_status = NETWORK_OFF;
+    state::set_network(NETWORK_OFF);
     EXPECT_EQ(chosen(ait), 2);
-    network_status = NETWORK_CHECKING;
+    state::set_network(NETWORK_CHECKING);
     EXPECT_EQ(chosen(ait), 0);
 
     // Nothing eligible while checking: the platform is not told yet.
     OwnedAit only_ip(16, "dvb://1.2.3", {needs_ip});
     EXPECT_EQ(chosen(only_ip), -1);
     EXPECT_EQ(hbb_sim_call_count("application_manager_invaild_app"), 0);
-    network_status = NETWORK_OFF;
+    state::set_network(NETWORK_OFF);
     EXPECT_EQ(chosen(only_ip), -1);
     EXPECT_EQ(hbb_sim_call_count("application_manager_invaild_app"), 1);
 }
@@ -112,23 +122,26 @@ TEST_F(RulesTest, ValidityFlagsRatingAndVersionChecks) {
     fallback.ratings = {{"FRA", 11}};
     OwnedAit ait(16, "dvb://1.2.3", {first, rated, newer, profile, fallback});
 
-    application_vadility_flags = static_cast<unsigned char*>(std::malloc(5));
-    memset(application_vadility_flags, 1, 5);
-    application_vadility_flags[0] = 0;
-    EXPECT_EQ(chosen(ait), 4);
+    // A load error marked the first entry of the current table.
+    state::replace_current_ait(*ait.get());
+    state::mark_entry_failed(0);
+    const AitTable& current = state::current_ait();
+    EXPECT_EQ(chosen(current.apps, current.app_lenght), 4);
+    // The marks belong to the current table: another table's first entry
+    // is still eligible.
+    EXPECT_EQ(chosen(ait), 0);
     // Version parts are compared one by one: 0.9.0 passes on 1.7.1 ...
     EXPECT_EQ(check_support_version(0, 0, 9, 0), 0);
     EXPECT_EQ(check_support_version(0, 0, 7, 0), 1);
     // ... and 1.5.1 fails on a 2.0.1 terminal.
-    teminal_version_major = 2;
-    teminal_version_minor = 0;
+    state::set_terminal_version({2, 0, 1});
     EXPECT_EQ(check_support_version(0, 1, 5, 1), 0);
 }
 
 TEST_F(RulesTest, KeepOrKillForEachControlCode) {
     OwnedAit start(16, "dvb://1.2.3", {AppSpec{}});
     run(start->apps[0]);
-    ASSERT_NE(running_application, nullptr);
+    ASSERT_NE(state::running(), nullptr);
     for (ControlCode code : {AUTOSTART, PRESENT, DISABLED, KILL}) {
         AppSpec s;
         s.control = code;
@@ -142,9 +155,9 @@ TEST_F(RulesTest, KeepOrKillForEachControlCode) {
     AppSpec needs_ip;
     needs_ip.ip_required = 1;
     OwnedAit ip(16, "dvb://1.2.3", {needs_ip});
-    network_status = NETWORK_CHECKING;
+    state::set_network(NETWORK_CHECKING);
     EXPECT_EQ(check_running_application(ip.get()), 0);
-    network_status = NETWORK_ON;
+    state::set_network(NETWORK_ON);
     EXPECT_EQ(check_running_application(ip.get()), 1);
 }
 
@@ -152,26 +165,29 @@ TEST_F(RulesTest, IndependentApplicationAdoption) {
     // Started from a plain URL: ids -1, never adopted.
     char url[] = "http://host.example/app/index.html";
     update_running_application_as_independent(url);
-    running_application_type = BROADCAST_INDEPENDENT;
+    state::set_running_type(BROADCAST_INDEPENDENT);
     OwnedAit same(16, "dvb://1.2.3", {http_app(-1, -1, "http://host.example/app/x.html")});
     EXPECT_EQ(check_independent_application_signalling(same.get()), 0);
 
-    running_application->organisation_id = 5;
-    running_application->app_id = 6;
-    strcpy(loaded_application, "http://host.example/app/index.html");
+    // An independent application that a table's entry once recorded.
+    OwnedAit signalled(16, "dvb://1.2.3", {http_app(5, 6, "http://host.example/app/index.html")});
+    run(signalled->apps[0]);
+    state::set_loaded_url("http://host.example/app/index.html");
     OwnedAit origin(16, "dvb://1.2.3", {http_app(5, 6, "http://host.example/app/x.html", PRESENT)});
     EXPECT_EQ(check_independent_application_signalling(origin.get()), 1);
-    EXPECT_EQ(running_application_type, BROADCAST_RELATED);
+    EXPECT_EQ(state::running_type(), BROADCAST_RELATED);
 
     // Loaded elsewhere: the boundary decides.
-    running_application_type = BROADCAST_INDEPENDENT;
-    strcpy(loaded_application, "http://cdn.example/page.html");
+    state::set_running_type(BROADCAST_INDEPENDENT);
+    state::set_loaded_url("http://cdn.example/page.html");
     AppSpec bounded = http_app(5, 6, "http://host.example/app/x.html");
     bounded.boundary = "http://nope.example|http://cdn.example";
     OwnedAit via_boundary(16, "dvb://1.2.3", {bounded});
     EXPECT_EQ(check_independent_application_signalling(via_boundary.get()), 1);
+    // The boundary is read, not cut up: the table is unchanged.
+    EXPECT_STREQ(via_boundary->apps[0].app_boundary, "http://nope.example|http://cdn.example");
 
-    running_application_type = BROADCAST_INDEPENDENT;
+    state::set_running_type(BROADCAST_INDEPENDENT);
     bounded.boundary = "http://nope.example";
     OwnedAit outside(16, "dvb://1.2.3", {bounded});
     EXPECT_EQ(check_independent_application_signalling(outside.get()), 0);
@@ -184,7 +200,8 @@ TEST_F(RulesTest, IndependentApplicationAdoption) {
 }
 
 TEST(UrlRules, ClassesInTestOrder) {
-    strcpy(current_ait.dvb_url, "dvb://1.2.3");
+    state::ManagerLock lock;
+    set_current_locator("dvb://1.2.3");
     struct {
         const char* url;
         int type;
@@ -208,7 +225,8 @@ TEST(UrlRules, ClassesInTestOrder) {
 }
 
 TEST(UrlRules, ApplicationLocators) {
-    strcpy(current_ait.dvb_url, "dvb://1.2.3");
+    state::ManagerLock lock;
+    set_current_locator("dvb://1.2.3");
     struct {
         const char* uri;
         int result, org, app;
@@ -270,13 +288,13 @@ TEST(UrlRules, OriginAndJoin) {
 }
 
 TEST(VersionRules, FiveBitWrap) {
-    current_version = 31;
-    EXPECT_EQ(check_version(0), 1);
-    EXPECT_EQ(current_version, 0);
-    current_version = 5;
+    initAitGuard();
+    EXPECT_EQ(check_version(31), 1);
+    EXPECT_EQ(check_version(0), 1) << "31 -> 0 is a wrap";
+    EXPECT_EQ(check_version(5), 1);
     EXPECT_EQ(check_version(5), 0);
     EXPECT_EQ(check_version(3), 0);
     EXPECT_EQ(check_version(6), 1);
-    current_version = 30;
-    EXPECT_EQ(check_version(0), 0);
+    EXPECT_EQ(check_version(30), 1);
+    EXPECT_EQ(check_version(0), 0) << "only 31 wraps";
 }

@@ -7,9 +7,9 @@
 #include "app_mgr.h"
 #include "app_mgr_state.h"
 #include "test_support.h"
-#include "tools/tools_msg_internal.h"
+#include "protocol/protocol.h"
 
-using appmgr::msg::next_field;
+using appmgr::protocol::next_field;
 using appmgr::test::state;
 using appmgr::test::set_state;
 

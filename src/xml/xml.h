@@ -1,15 +1,22 @@
-// Broadband AITs inside the library: the XML AIT reader and the HTTP
-// transfers that fetch XML AITs and probe broadband applications. None of
-// these names leaves the shared object; the one exported diagnostic is
-// declared in app_mgr_broadband.h.
+// Broadband AITs: the HTTP transfers that fetch XML documents and probe
+// broadband applications, and the XML readers that turn documents into the
+// library's records. Nothing here starts an application: the application
+// core decides what to do with what this folder fetches and reads.
+//
+// Transfer limits (every transfer): the connect time-out of its kind, an
+// overall time limit (kTransferSeconds) and at most kMaxRedirects
+// redirects; a download keeps at most APPMGR_PAGE_SIZE - 1 bytes.
+//
+// libxml2 is initialised once (xmlInitParser) and never cleaned up: the
+// middleware may use libxml2 on its own threads in the same process.
 #pragma once
 
 #include <libxml/tree.h>
 
 #include <cstddef>
-#include <mutex>
 
 #include "app_mgr_types.h"
+#include "structs/records.h"
 
 // Largest download a transfer keeps, including the terminating NUL: a
 // document may hold at most kPageSize - 1 bytes.
@@ -43,19 +50,6 @@ void find_elements_ait_table(xmlNode* node, AitTable* table, int* counter);
 // Number of "Application" elements anywhere under `node`.
 int find_number_of_applications(xmlNode* node);
 
-// URL of the best HbbTV application of an XML AIT text. `pXMLAitUrl` must
-// hold 1024 bytes (the longest URL the reader keeps, with its NUL).
-// 1 when a URL was chosen, 0 otherwise (*nXMLAitUrlLen is then 0).
-int getUrlFromXMLAitFile(char* pXMLAitFile, int nXMLAitFileLen, char* pXMLAitUrl,
-                         int* nXMLAitUrlLen);
-
-// ---- transfers --------------------------------------------------------------
-// HEAD request: 1 reachable, 0 not reachable or not tried (network off).
-int probe_http_app(char* http_app_url);
-// Fetches a list XML AIT and hands its table to the autostart run: 1 handed
-// on, 0 otherwise.
-int xmlAitUpdate(char* ait_url);
-
 // libcurl callbacks. The header callback's user data is a long that becomes
 // 404 when a header line carries the 404 reason phrase; the write callbacks'
 // user data is the transfer's PageInfo.
@@ -73,20 +67,16 @@ constexpr unsigned kUrlLength = 1024;
 // Applications read from one document; further ones are ignored.
 constexpr int kMaxApplications = 256;
 
+constexpr long kTransferSeconds = 30;
+constexpr long kMaxRedirects = 10;
+
 // Document URLs given to libxml2 for XML AIT texts and for downloaded list
 // AITs. They are names only: nothing is read from or written to them.
 constexpr const char* kXmlAitDocumentUrl = "/tmp/xmlait.xml";
 constexpr const char* kUpdateDocumentUrl = "/tmp/sevent.xml";
 
-// Serialises every use of libxml2 in the library. Each parse ends with
-// xmlCleanupParser, which tears libxml2's global state down, so no other
-// parse may be running meanwhile; any other module that parses XML holds
-// this lock from its parse to its cleanup.
-std::mutex& parser_mutex();
-
 // One parsed document, read from memory with network access and DTD loading
-// off. Holds parser_mutex() for its lifetime; releases the document and
-// libxml2's parser state on destruction (or release()).
+// off; released on destruction.
 class ParsedDocument {
 public:
     ParsedDocument(const char* data, int len, const char* document_url);
@@ -96,20 +86,33 @@ public:
 
     bool ok() const { return doc_ != nullptr; }
     xmlNode* root() const;
-    // Frees the document and the parser state now and drops the lock.
-    void release();
 
 private:
-    std::unique_lock<std::mutex> lock_;
     xmlDoc* doc_ = nullptr;
 };
 
-// The reading of a downloaded single-application XML AIT: fills one
-// Application and, when its ids are set and the rating and version checks
-// pass, starts it. `source_url` is reported to the load-error handling.
-// 1 started, 0 otherwise.
-// Parses a document holding one application and reads it (null when none).
-Application* read_application_document(const char* data, int len);
-int start_downloaded_xml_ait(const char* data, int len, char* source_url);
+// The one application of a document (null when the text is not XML).
+records::ApplicationPtr read_application_document(const char* data, int len);
+// Every application of a document as a table (at most kMaxApplications;
+// null when the text is not XML or out of memory). *in_document receives
+// the number of applications the document holds.
+records::AitTablePtr read_ait_document(const char* data, int len, const char* document_url,
+                                       int* in_document);
+// Logs the fields of an application read from a document.
+void log_application(const Application& app);
+
+// ---- transfers (blocking, on the caller's thread) ---------------------------
+
+// HEAD request with the stored User-Agent: true when the server answers and
+// no header line carries a 404 reason phrase.
+bool head_probe(const char* url);
+// Download of a single-application XML AIT (HTTPS with the client
+// certificate). True when a body was received.
+bool fetch_xml_ait(const char* url, PageInfo* page);
+// Download of a list XML AIT. True when the transfer succeeded.
+bool fetch_ait_update(const char* url, PageInfo* page);
+// Plain download (stream-event descriptions) with the given connect
+// time-out. True when the transfer succeeded.
+bool fetch_document(const char* url, long connect_seconds, PageInfo* page);
 
 }  // namespace appmgr::xml

@@ -19,7 +19,7 @@
 // No local copy of any carousel is kept: the middleware caches carousel
 // files itself (emptied with DSMCC_DeleteAllFileFromFSA), and a second cache
 // here could serve files of a module that changed.
-#include "hbbtv_externals/hbbtvDSMCCExternals.h"
+#include "dsmcc/dsmcc.h"
 
 #include <cstdlib>
 #include <cstring>

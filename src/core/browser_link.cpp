@@ -1,0 +1,182 @@
+// The hand-shake with the browser process: the wait for its state report at
+// start-up and after a crash, the report itself, and the crash handling.
+//
+// appmgr_mutex and appmgr_cond_var carry the wait. Every non-zero report is
+// counted, so a wait ends as soon as the browser it waits for has reported,
+// whatever state the library has moved on to since (the middleware may have
+// activated it already). At most one wait runs at a time: a crash during a
+// wait re-arms that wait (a fresh deadline, reports counted from now on)
+// instead of starting another, and the thread of a wait started after a
+// crash is joined, by the next crash or by close.
+#include <pthread.h>
+
+#include <cerrno>
+#include <ctime>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "app_mgr.h"
+#include "app_mgr_state.h"
+#include "common/c_api.h"
+#include "common/log.h"
+#include "common/seams.h"
+#include "core/core.h"
+#include "hbb_platform.h"
+#include "state/state.h"
+
+namespace state = appmgr::state;
+
+namespace {
+
+// The condition variable is created once per process, before the first
+// connection can deliver a browser report, and never destroyed: a wait may
+// still be blocked on it.
+std::once_flag g_cond_once;
+void ensure_cond_var() {
+    std::call_once(g_cond_once, [] {
+        pthread_condattr_init(&appmgr_condattr);
+        pthread_condattr_setclock(&appmgr_condattr, CLOCK_MONOTONIC);
+        pthread_cond_init(&appmgr_cond_var, &appmgr_condattr);
+    });
+}
+
+// Guarded by appmgr_mutex.
+unsigned long g_reports = 0;           // non-zero browser reports so far
+unsigned long g_crashes = 0;           // browser crashes so far
+int g_waits = 0;                       // waits in progress
+bool g_closing = false;                // the library is closing: waits give up
+
+// The thread of the wait started after a crash (joined by the next crash
+// that needs a thread, or by stop_browser_waits).
+std::mutex g_thread_mutex;
+std::thread g_wait_thread;
+
+timespec deadline_from_now() {
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    t.tv_sec += appmgr::seams::browser_wait_seconds();
+    return t;
+}
+
+// The wait itself; appmgr_mutex is held on entry and on return.
+int wait_locked() {
+    unsigned long crashes = g_crashes;
+    unsigned long reports = g_reports;
+    timespec deadline = deadline_from_now();
+    for (;;) {
+        if (g_crashes != crashes) {
+            // The browser crashed again: wait for the new one from now on.
+            crashes = g_crashes;
+            reports = g_reports;
+            deadline = deadline_from_now();
+        }
+        if (g_reports != reports || state::library() == APP_MANAGER_SUSPENDED) {
+            state::set_browser_running(true);
+            return 1;
+        }
+        // The library is closing: give up without touching the browser.
+        if (g_closing) return 0;
+        AM_INFO("check if browser is already running");
+        if (pthread_cond_timedwait(&appmgr_cond_var, &appmgr_mutex, &deadline) == ETIMEDOUT &&
+            g_crashes == crashes && g_reports == reports)
+            break;
+    }
+    // The state changes before the log line so that whoever reads the line
+    // also sees the new state.
+    state::set_library(APP_MANAGER_DEINITIALIZED);
+    appmgr::seams::run_shell("busybox killall -9 hbbtv-web-browser");
+    AM_ERROR("TIMEOUT: Browser was not started in expected time");
+    return 0;
+}
+
+void wait_after_crash() {
+    pthread_mutex_lock(&appmgr_mutex);
+    wait_locked();
+    --g_waits;
+    pthread_mutex_unlock(&appmgr_mutex);
+}
+
+}  // namespace
+
+namespace appmgr::core {
+
+int wait_for_browser() {
+    ensure_cond_var();
+    pthread_mutex_lock(&appmgr_mutex);
+    ++g_waits;
+    const int reported = wait_locked();
+    --g_waits;
+    pthread_mutex_unlock(&appmgr_mutex);
+    return reported;
+}
+
+void on_browser_state_report(int value) {
+    if (value != 0) {
+        state::set_library(APP_MANAGER_SUSPENDED);
+        AM_INFO("app-man in web-browser SUSPENDED\n\n");
+    } else {
+        state::set_library(APP_MANAGER_DEINITIALIZED);
+        AM_INFO("app-man in web-browser de-initialized\n\n");
+    }
+    ensure_cond_var();
+    pthread_mutex_lock(&appmgr_mutex);
+    if (value != 0) {
+        ++g_reports;
+        // A browser that reports is running, also when its report comes
+        // after a wait gave up: close must tear it down.
+        state::set_browser_running(true);
+    }
+    pthread_cond_broadcast(&appmgr_cond_var);
+    pthread_mutex_unlock(&appmgr_mutex);
+}
+
+void on_browser_crashed() {
+    AM_INFO("Web browser crashed. Restarting...\n\n");
+    hbbBindCurrentChannel();
+    setVideoToFullscreen();
+    state::set_library(APP_MANAGER_INITIALIZING);
+    ensure_cond_var();
+
+    pthread_mutex_lock(&appmgr_mutex);
+    ++g_crashes;
+    const bool start_thread = g_waits == 0 && !g_closing;
+    if (start_thread) ++g_waits;
+    pthread_cond_broadcast(&appmgr_cond_var);  // a running wait re-arms
+    pthread_mutex_unlock(&appmgr_mutex);
+    if (!start_thread) return;
+
+    std::lock_guard<std::mutex> lock(g_thread_mutex);
+    // The thread of an earlier wait has ended (no wait is in progress) or
+    // is about to: join it before its successor starts.
+    if (g_wait_thread.joinable()) g_wait_thread.join();
+    try {
+        g_wait_thread = std::thread(wait_after_crash);
+    } catch (const std::system_error&) {
+        AM_ERROR("cannot start the browser wait thread");
+        pthread_mutex_lock(&appmgr_mutex);
+        --g_waits;
+        pthread_mutex_unlock(&appmgr_mutex);
+    }
+}
+
+void stop_browser_waits() {
+    ensure_cond_var();
+    pthread_mutex_lock(&appmgr_mutex);
+    g_closing = true;
+    pthread_cond_broadcast(&appmgr_cond_var);
+    pthread_mutex_unlock(&appmgr_mutex);
+    {
+        std::lock_guard<std::mutex> lock(g_thread_mutex);
+        if (g_wait_thread.joinable()) g_wait_thread.join();
+    }
+    pthread_mutex_lock(&appmgr_mutex);
+    g_closing = false;
+    pthread_mutex_unlock(&appmgr_mutex);
+}
+
+}  // namespace appmgr::core
+
+extern "C" APPMGR_API int start_web_browser(void) {
+    return appmgr::c_entry(__func__, 0, [] { return appmgr::core::wait_for_browser(); });
+}
