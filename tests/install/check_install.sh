@@ -16,12 +16,13 @@
 #
 # Inputs (environment): APPMGR_BUILD_DIR, APPMGR_CONFIG, APPMGR_LIBDIR,
 # APPMGR_INCLUDEDIR, APPMGR_PLATFORM_LIB, APPMGR_CONSUMER_FLAGS (instrumentation
-# the build uses: the programs need the same), CC, CMAKE, CMAKE_GENERATOR,
-# CMAKE_MAKE_PROGRAM, PKG_CONFIG.
+# the build uses: the programs need the same), APPMGR_CONSUMER_LINK_FLAGS (for
+# linking only), CC, CMAKE, CMAKE_GENERATOR, CMAKE_MAKE_PROGRAM, PKG_CONFIG.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 read -r -a flags <<<"${APPMGR_CONSUMER_FLAGS:-}"
+read -r -a link_flags <<<"${APPMGR_CONSUMER_LINK_FLAGS:-}"
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 # Runs a command quietly; shows its output when it fails.
@@ -95,7 +96,7 @@ echo "${#headers[@]} installed headers compile alone as C99"
 # ---- a program built with the pkg-config flags ------------------------------
 platform_dir=$(dirname "$APPMGR_PLATFORM_LIB")
 quiet "$CC" -std=c99 -Wall -Wextra -Werror "${flags[@]}" "${pc_cflags[@]}" \
-  "$here/consumer/consumer.c" -o "$work/consumer-pc" \
+  "$here/consumer/consumer.c" -o "$work/consumer-pc" "${link_flags[@]}" \
   "${pc_libs[@]}" "$APPMGR_PLATFORM_LIB" -Wl,-rpath,"$libdir" -Wl,-rpath,"$platform_dir"
 echo "program built with pkg-config:"
 "$work/consumer-pc" "$libdir" || fail "the pkg-config program failed"
@@ -104,7 +105,7 @@ echo "program built with pkg-config:"
 quiet "$CMAKE" -S "$here/consumer" -B "$work/cmake-consumer" -G "$CMAKE_GENERATOR" \
   ${CMAKE_MAKE_PROGRAM:+"-DCMAKE_MAKE_PROGRAM=$CMAKE_MAKE_PROGRAM"} \
   "-DCMAKE_C_COMPILER=$CC" "-DCMAKE_BUILD_TYPE=$APPMGR_CONFIG" \
-  "-DCMAKE_C_FLAGS=${flags[*]}" "-DCMAKE_EXE_LINKER_FLAGS=${flags[*]}" \
+  "-DCMAKE_C_FLAGS=${flags[*]}" "-DCMAKE_EXE_LINKER_FLAGS=${flags[*]} ${link_flags[*]}" \
   "-DCMAKE_PREFIX_PATH=$prefix" "-DAPPMGR_EXPECTED_PREFIX=$prefix" \
   "-DAPPMGR_PLATFORM_LIB=$APPMGR_PLATFORM_LIB"
 quiet "$CMAKE" --build "$work/cmake-consumer"
