@@ -269,11 +269,11 @@ int hbbCheckDSMCCExist(const char* url) {
     });
     if (result == DSMCC_LOADER_BREAK) return eHBBTV_FS_CHECK_BREAK_TYPE;
     if (result != DSMCC_LOADER_OK) return eHBBTV_FS_CHECK_INVALID_TYPE;
-    if (type != DSMCC_LOADER_ENTRY_FILE) {
-        AM_WARN("carousel entry %s is not a file (kind %d)\n", target.loader_url.c_str(),
+    // Any entry that exists answers "file": a directory or a stream-event
+    // object is there, whatever the page makes of it.
+    if (type != DSMCC_LOADER_ENTRY_FILE)
+        AM_INFO("carousel entry %s exists (kind %d)\n", target.loader_url.c_str(),
                 static_cast<int>(type));
-        return eHBBTV_FS_CHECK_INVALID_TYPE;
-    }
     return eHBBTV_FS_CHECK_FILE_TYPE;
 }
 

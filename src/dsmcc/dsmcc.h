@@ -54,7 +54,7 @@ extern "C" {
 typedef enum {
     eHBBTV_FS_CHECK_INVALID_TYPE = 0,  // no such file, or it cannot be read
     eHBBTV_FS_CHECK_BREAK_TYPE = 1,    // a service change interrupted the check
-    eHBBTV_FS_CHECK_FILE_TYPE = 2      // the entry exists and is a file
+    eHBBTV_FS_CHECK_FILE_TYPE = 2      // the entry exists
 } HbbFileSystemCheckType;
 
 typedef enum {
@@ -72,8 +72,9 @@ typedef struct {
     char* entryPayload;
 } HbbFileSystemEntryDescriptor;
 
-// Checks that the URL names a file of its carousel, mounting the carousel as
-// needed (application start).
+// Checks that the URL names an entry of its carousel (a file, a directory
+// or a stream-event object), mounting the carousel as needed (application
+// start): eHBBTV_FS_CHECK_FILE_TYPE when it exists.
 int hbbCheckDSMCCExist(const char* url);
 // The kind of the entry (an HbbFileSystemEntryType value) and, through
 // moduleId (may be null), the module that carries it; -1 and module 0 when

@@ -116,9 +116,9 @@ TEST_F(CarouselServiceTest, WrongKindOrMissingGivesNothing) {
 TEST_F(CarouselServiceTest, ApplicationCheck) {
     EXPECT_EQ(hbbCheckDSMCCExist(url("index.html").c_str()), eHBBTV_FS_CHECK_FILE_TYPE);
     EXPECT_EQ(hbbCheckDSMCCExist(url("dir/page.html?lang=de").c_str()), eHBBTV_FS_CHECK_FILE_TYPE);
-    // Only a file can be started.
-    EXPECT_EQ(hbbCheckDSMCCExist(url("dir").c_str()), eHBBTV_FS_CHECK_INVALID_TYPE);
-    EXPECT_EQ(hbbCheckDSMCCExist(url("events").c_str()), eHBBTV_FS_CHECK_INVALID_TYPE);
+    // Any existing entry counts, a directory or a stream-event object too.
+    EXPECT_EQ(hbbCheckDSMCCExist(url("dir").c_str()), eHBBTV_FS_CHECK_FILE_TYPE);
+    EXPECT_EQ(hbbCheckDSMCCExist(url("events").c_str()), eHBBTV_FS_CHECK_FILE_TYPE);
     EXPECT_EQ(hbbCheckDSMCCExist(url("missing.html").c_str()), eHBBTV_FS_CHECK_INVALID_TYPE);
     EXPECT_EQ(hbbCheckDSMCCExist("dvb://1.2.3.66/index.html"), eHBBTV_FS_CHECK_INVALID_TYPE);
     EXPECT_EQ(hbbCheckDSMCCExist("dvb://1.2.3.0/index.html"), eHBBTV_FS_CHECK_INVALID_TYPE);

@@ -105,6 +105,8 @@ TEST_F(SendCommandTest, LengthPrefixWidthAndBufferLimit) {
     // A frame that does not fit the 4096-byte buffer is refused, not cut.
     std::string huge(4090, 'z');
     EXPECT_EQ(send_command(50, huge.data()), 0);
+    // Ids whose result is ignored answer 1 for a refused frame too.
+    EXPECT_EQ(send_command(59, huge.data()), 1);
     EXPECT_EQ(send_command(51, nullptr), 1);
     EXPECT_EQ(raw(Connection::Application), "  351|");
 }

@@ -6,6 +6,7 @@
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
+#include "hbb_sim.h"
 #include "test_support.h"
 #include "protocol/protocol.h"
 
@@ -127,20 +128,30 @@ TEST(Messaging, ConnectionTypeAndPortBounds) {
 }
 
 TEST(Messaging, ReceivedMessagesWithBadContextAreRefused) {
+    appmgr::test::LogCapture log;
+    hbb_sim_set_log_level(2);
+    set_state(APP_MANAGER_INITIALIZING);
     char msg[] = "83|1|";
-    EXPECT_EQ(input_data_received(nullptr, msg, 5), 0);
+    input_data_received(nullptr, msg, 5);
+    EXPECT_TRUE(log.contains("input_data_received: Error msg_d == NULL"));
     Messenger_t m{};
-    EXPECT_EQ(input_data_received(&m, nullptr, 0), 0);
-    EXPECT_EQ(input_data_received(&m, msg, 5), 0);  // no connection record
+    input_data_received(&m, nullptr, 0);
+    EXPECT_TRUE(log.contains("input_data_received: buff == NULL"));
+    input_data_received(&m, msg, 5);
+    EXPECT_TRUE(log.contains("input_data_received: Error msg_conn == NULL"));
+    // A state report on "Callbacks" must not be acted on.
     Mng_Connection_t callbacks{};
     callbacks.mng_type = MNG_CONNECTION_TYPE_CALLBACK;
     m.priv = &callbacks;
-    set_state(APP_MANAGER_INITIALIZING);
-    EXPECT_EQ(input_data_received(&m, msg, 5), 0);
-    // A state report on "Callbacks" must not be acted on.
+    input_data_received(&m, msg, 5);
+    EXPECT_TRUE(log.contains("input_data_received: Error mng_type(3) not supported!!!"));
+    EXPECT_FALSE(log.contains("Reply received"));
     EXPECT_EQ(state(), APP_MANAGER_INITIALIZING);
+    // On "Application" it is: the receive thread goes on (0) and the report
+    // changed the state.
     Mng_Connection_t app{};
     m.priv = &app;
     EXPECT_EQ(input_data_received(&m, msg, 5), 0);
+    EXPECT_TRUE(log.contains("Reply received: 83|1|"));
     EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
 }
