@@ -9,6 +9,10 @@
 // or time-out ends the run with exit status 1, a scenario file that cannot be
 // read with status 2. A watchdog ends any run that takes longer than its
 // limit.
+//
+// Before anything else the run moves into a private /tmp and loopback
+// network (private_run.h), so that runs on one machine do not meet on the
+// library's fixed socket paths and port.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -28,6 +32,7 @@
 #include "browser_standin.h"
 #include "emu_output.h"
 #include "hbb_sim.h"
+#include "private_run.h"
 #include "scenario.h"
 #include "scenario_runner.h"
 
@@ -118,16 +123,20 @@ void usage(std::FILE* to) {
                  "\n"
                  "  -v, --verbose        also print the library's log and the raw frames\n"
                  "      --scenario FILE  run the scenario in FILE\n"
+                 "      --shared-tmp     run in the machine's /tmp and network; refused while\n"
+                 "                       another process holds the library's sockets or port\n"
                  "  -h, --help           print this help\n"
                  "\n"
-                 "Exit status: 0 scenario passed, 1 a step failed or timed out, 2 usage error\n"
-                 "or a scenario file that cannot be read.\n");
+                 "Exit status: 0 scenario passed, 1 a step failed or timed out, or another\n"
+                 "process holds the library's sockets or port, 2 usage error or a scenario\n"
+                 "file that cannot be read.\n");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     std::optional<std::string> scenario;
+    bool shared_tmp = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
@@ -135,6 +144,8 @@ int main(int argc, char** argv) {
             return 0;
         } else if (arg == "-v" || arg == "--verbose") {
             g_verbose = true;
+        } else if (arg == "--shared-tmp") {
+            shared_tmp = true;
         } else if (arg == "--scenario" && i + 1 < argc) {
             scenario = argv[++i];
         } else if (arg.rfind("--scenario=", 0) == 0 && arg.size() > 11) {
@@ -158,6 +169,37 @@ int main(int argc, char** argv) {
         }
     }
     const int limit_ms = loaded ? loaded->time_limit_s * 1000 : kBuiltinLimitMs;
+
+    // Still a single thread here, as the namespaces require. Files of the
+    // scenario under /tmp stay reachable.
+    std::vector<std::string> keep;
+    bool key_steps = false;
+    if (loaded) {
+        keep.push_back(*scenario);
+        for (const CarouselSpec& c : loaded->carousels) keep.push_back(c.path);
+        if (loaded->http.root) keep.push_back(*loaded->http.root);
+        for (const Step& st : loaded->timeline) key_steps = key_steps || st.kind == "key";
+    }
+    const PrivateRun private_run =
+        shared_tmp ? PrivateRun{false, "--shared-tmp given"} : enterPrivateRun(keep);
+    if (!private_run.isolated) {
+        // Shared /tmp and network: refuse at once rather than meet another
+        // run (or a browser) on the fixed sockets or port.
+        const std::vector<std::string> held = heldResources(key_steps);
+        if (!held.empty()) {
+            std::string list;
+            for (const std::string& h : held) list += (list.empty() ? "" : ", ") + h;
+            std::fprintf(stderr,
+                         "appmgr-emu: cannot run: another process holds %s (another appmgr-emu, a "
+                         "browser or a library instance?); this run would share the machine's /tmp "
+                         "and network with it (%s)\n",
+                         list.c_str(), private_run.detail.c_str());
+            return 1;
+        }
+    }
+    emit("appmgr-emu: " + (private_run.isolated
+                               ? private_run.detail
+                               : "the machine's /tmp and network, shared (" + private_run.detail + ")"));
 
     hbb_sim_set_trace(onPlatformCall, nullptr);
     if (!loaded) {

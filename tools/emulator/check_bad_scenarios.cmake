@@ -2,8 +2,7 @@
 # malformed ones (and a missing file) exit with status 2, name the problem on
 # stderr and print nothing on stdout (the library is not started); a
 # well-formed scenario whose check fails exits with status 1 and names the
-# step. A key step while another program holds the remote-input port
-# 127.0.0.1:3585 exits with status 1 and names the port.
+# step.
 set(cases
   "bad-syntax.ini|2|bad-syntax.ini:4: not a \\[section\\]"
   "bad-control.ini|2|bad-control.ini:9: \\[app.a\\] control: 'AUTOSTRAT' is not a control code"
@@ -12,20 +11,13 @@ set(cases
   "bad-duplicate.ini|2|bad-duplicate.ini:5: \\[service\\] tsid is given twice \\(first on line 3\\)"
   "no-such-file.ini|2|no-such-file.ini: cannot open"
   "bad-carousel.ini|2|bad-carousel.ini:7: \\[carousel.1\\] dir: 'no-such-dir' \\(.*no-such-dir\\): No such file"
-  "fails.ini|1|FAILED: .*fails.ini:10: step2 \\(expect running 0x10.1\\): running application is none, expected 0x10.1"
-  "keys-port.ini|1|FAILED: remote-input service stand-in: cannot listen on 127.0.0.1:3585: Address already in use|hold")
+  "fails.ini|1|FAILED: .*fails.ini:10: step2 \\(expect running 0x10.1\\): running application is none, expected 0x10.1")
 foreach(case ${cases})
   string(REPLACE "|" ";" parts "${case}")
   list(GET parts 0 file)
   list(GET parts 1 expected_status)
   list(GET parts 2 expected)
-  set(prefix "")
-  list(LENGTH parts n)
-  if(n GREATER 3)
-    # Another program listens on the remote-input port meanwhile.
-    set(prefix ${HOLD_PORT} 3585)
-  endif()
-  execute_process(COMMAND ${prefix} ${EMU} --scenario ${DIR}/${file}
+  execute_process(COMMAND ${EMU} --scenario ${DIR}/${file}
                   RESULT_VARIABLE status
                   OUTPUT_VARIABLE out
                   ERROR_VARIABLE err
