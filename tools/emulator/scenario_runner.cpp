@@ -472,7 +472,6 @@ void Run::startUp() {
 }
 
 void Run::execute() {
-    emit("appmgr-emu: libapp-mgr on the simulated platform, browser stand-in on /tmp/UNIX_*.domain");
     emit("appmgr-emu: scenario " + s_.path + (s_.title.empty() ? "" : ": " + s_.title) +
          (g_verbose ? " (verbose)" : ""));
     setUp();
