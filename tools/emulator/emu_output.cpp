@@ -6,6 +6,9 @@
 
 #include <future>
 
+#include <ftw.h>
+#include <stdio.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -22,6 +25,7 @@ constexpr int kReaderPollMs = 100;
 std::mutex g_out_mu;
 std::mutex g_context_mu;
 std::string g_fail_context;
+std::string g_run_files;  // guarded by g_context_mu
 
 }  // namespace
 
@@ -77,6 +81,23 @@ void setFailContext(const std::string& context) {
     g_fail_context = context;
 }
 
+void removeOnExit(const std::string& dir) {
+    std::lock_guard<std::mutex> g(g_context_mu);
+    g_run_files = dir;
+}
+
+void removeRunFiles() {
+    std::string dir;
+    {
+        std::lock_guard<std::mutex> g(g_context_mu);
+        dir.swap(g_run_files);
+    }
+    if (dir.empty()) return;
+    ::nftw(
+        dir.c_str(), [](const char* path, const struct stat*, int, FTW*) { return ::remove(path); }, 16,
+        FTW_DEPTH | FTW_PHYS);
+}
+
 void fail(const std::string& why) {
     std::string context;
     {
@@ -85,12 +106,8 @@ void fail(const std::string& why) {
     }
     emit("appmgr-emu: FAILED: " + (context.empty() ? "" : context + ": ") + why);
     if (!g_verbose) emit("appmgr-emu: run with --verbose to see the library's log");
+    removeRunFiles();
     std::_Exit(1);
-}
-
-void unsupported(const std::string& why) {
-    emit("appmgr-emu: NOT RUN: " + why);
-    std::_Exit(kExitUnsupported);
 }
 
 void step(const std::string& what) { emit("\n== " + what); }

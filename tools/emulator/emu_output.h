@@ -45,14 +45,13 @@ int libraryState();
 // Text put before every failure message (the step that failed); empty for
 // the built-in scenario.
 void setFailContext(const std::string& context);
+// A directory the run made for itself, removed however the run ends.
+void removeOnExit(const std::string& dir);
+// Removes that directory now (the normal end of a run).
+void removeRunFiles();
 // Prints the failure and ends the process with status 1 at once: library
 // threads may still be blocked inside the library.
 [[noreturn]] void fail(const std::string& why);
-// Exit status of a run that needs something the library does not offer.
-constexpr int kExitUnsupported = 3;
-// Prints why the scenario cannot run against this library and ends the
-// process with status kExitUnsupported.
-[[noreturn]] void unsupported(const std::string& why);
 
 void step(const std::string& what);
 void libraryCall(const std::string& call);

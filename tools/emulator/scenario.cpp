@@ -924,6 +924,13 @@ std::string parseClose(Step& st, const std::string& rest, const Scenario&) {
     return "";
 }
 
+std::string parseSay(Step& st, const std::string& rest, const Scenario&) {
+    if (trim(rest).empty()) return "expects the text to print";
+    st.args.clear();
+    st.tail = trim(rest);
+    return "";
+}
+
 std::vector<StepKind>& registry() {
     static std::vector<StepKind> kinds{
         {"deliver_ait", "deliver_ait NAME", parseDeliver},
@@ -943,6 +950,7 @@ std::vector<StepKind>& registry() {
         {"keyset", "keyset MASK [other]", parseKeyset},
         {"key", "key NUMBER", parseKey},
         {"close", "close", parseClose},
+        {"say", "say TEXT", parseSay},
     };
     return kinds;
 }

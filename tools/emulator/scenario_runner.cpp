@@ -1,6 +1,7 @@
 #include "scenario_runner.h"
 
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -212,6 +213,7 @@ public:
     void keyset(const Step& st);
     void key(const Step& st);
     void close(const Step& st);
+    void say(const Step& st);
 
 private:
     void setUp();
@@ -253,7 +255,7 @@ const std::map<std::string, RunFn>& runTable() {
         {"expect", &Run::expect},          {"close", &Run::close},
         {"portal", &Run::portal},          {"teletext", &Run::teletext},
         {"launch", &Run::launch},          {"keyset", &Run::keyset},
-        {"key", &Run::key},
+        {"key", &Run::key},                {"say", &Run::say},
     };
     return table;
 }
@@ -470,13 +472,14 @@ void Run::startUp() {
 }
 
 void Run::execute() {
-    emit("appmgr-emu: libapp-mgr on the simulated platform, browser stand-in on /tmp/UNIX_*.domain");
     emit("appmgr-emu: scenario " + s_.path + (s_.title.empty() ? "" : ": " + s_.title) +
          (g_verbose ? " (verbose)" : ""));
     setUp();
     startUp();
     for (const Step& st : s_.timeline) {
-        step(st.key + ": " + st.text);
+        // Checks print their one line under the step they check.
+        if (st.kind != "say" && st.kind != "expect" && st.kind != "wait_frame")
+            step(st.key + ": " + st.text);
         setFailContext(s_.path + (st.line ? ":" + std::to_string(st.line) : "") + ": " + st.key + " (" +
                        st.text + ")");
         (this->*runTable().at(st.kind))(st);
@@ -488,7 +491,9 @@ void Run::execute() {
         close(Step{});
     }
     setFailContext("");
-    emit("\nappmgr-emu: scenario passed (" + std::to_string(s_.timeline.size()) + " steps, " +
+    const auto steps = std::count_if(s_.timeline.begin(), s_.timeline.end(),
+                                     [](const Step& st) { return st.kind != "say"; });
+    emit("\nappmgr-emu: scenario passed (" + std::to_string(steps) + " steps, " +
          std::to_string(frames_.count()) + " frames received, " + std::to_string(decisions_.count()) +
          " decisions)");
 }
@@ -808,6 +813,8 @@ void Run::key(const Step& st) {
                                                : "received " + quoted(*last_remote_) + " (" +
                                                      std::to_string(last_remote_->size()) + " bytes)"));
 }
+
+void Run::say(const Step& st) { emit("\n=== " + st.tail.value_or("")); }
 
 void Run::close(const Step&) {
     callLibrary(
