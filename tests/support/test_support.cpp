@@ -61,6 +61,14 @@ bool LogCapture::waitForCount(const std::string& text, int count, int timeout_ms
     });
 }
 
+int LogCapture::count(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int seen = 0;
+    for (const auto& l : lines_)
+        if (l.find(text) != std::string::npos) ++seen;
+    return seen;
+}
+
 std::vector<std::string> LogCapture::lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;

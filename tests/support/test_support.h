@@ -100,6 +100,8 @@ public:
     // Waits (bounded) until at least `count` lines containing text were logged.
     bool waitForCount(const std::string& text, int count, int timeout_ms) const;
     std::vector<std::string> lines() const;
+    // Number of lines containing text so far.
+    int count(const std::string& text) const;
 
 private:
     static void hook(int level, const char* line, void* user);

@@ -744,7 +744,10 @@ void Run::expect(const Step& st) {
         emit("check     the library took " + quoted(want) + " as the loaded page");
     } else if (what == "portal") {
         const int want = std::stoi(st.args.at(1));
-        const int got = __atomic_load_n(&is_portal_mode, __ATOMIC_ACQUIRE);
+        // The library writes the application state under the AIT guard.
+        lockAitGuard();
+        const int got = is_portal_mode;
+        unlockAitGuard();
         if ((got != 0) != (want != 0))
             fail(std::string("portal mode is ") + (got ? "on" : "off") + ", expected " +
                  (want ? "on" : "off"));
