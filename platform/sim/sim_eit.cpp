@@ -411,8 +411,9 @@ int EIT_DVB_ClientRegister(void) {
 }
 
 int EIT_DVB_ClientUnregister(int handle) {
+    // An injected failure still unregisters (the failure is only reported).
     int result = -1;
-    if (!inject_failure("EIT_DVB_ClientUnregister")) {
+    {
         std::lock_guard<std::mutex> lock(clients_mutex);
         if (cursor_of(handle) != nullptr) {
             cursors[handle].in_use.store(false, std::memory_order_release);
@@ -420,6 +421,7 @@ int EIT_DVB_ClientUnregister(int handle) {
             result = 0;
         }
     }
+    if (result == 0 && inject_failure("EIT_DVB_ClientUnregister")) result = -1;
     hbbsim::record("EIT_DVB_ClientUnregister", "handle=%d -> %d", handle, result);
     return result;
 }
