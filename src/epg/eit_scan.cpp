@@ -1,7 +1,7 @@
 // Scans over the EIT cache. A scan holds the cache lock while it walks the
 // events of one service and takes the slot's guard only briefly inside it
-// (to check for a stop and to store a result), so the lock order is always
-// cache, then slot, then pool.
+// (to store a result and update the window; the stop check reads an atomic
+// flag), so the lock order is always cache, then slot, then pool.
 #include "eit_scan.h"
 
 #include <sys/time.h>

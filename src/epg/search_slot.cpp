@@ -22,14 +22,9 @@ void SearchSlot::clear_query() {
     constraints_.shrink_to_fit();
 }
 
-bool SearchSlot::should_stop() {
-    std::lock_guard<std::mutex> lock(guard_);
-    return !should_run_;
-}
-
 bool SearchSlot::is_searching() {
     std::lock_guard<std::mutex> lock(guard_);
-    return should_run_;
+    return should_run_.load();
 }
 
 void SearchSlot::stop_current_search() {

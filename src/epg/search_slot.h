@@ -1,6 +1,7 @@
 // One live search: its key, query, result store, window and thread.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -50,8 +51,10 @@ public:
     void clear_query();
 
     // ---- shared with the search thread: each call takes the guard ----
-    // True when the running scan is asked to stop.
-    bool should_stop();
+    // True when the running scan is asked to stop. Called for every event:
+    // it reads the flag without the guard (the flag is atomic; it is still
+    // only written under the guard).
+    bool should_stop() const { return !should_run_.load(std::memory_order_acquire); }
     // True while a scan is wanted (from a start until a stop; the end of a
     // scan does not clear it).
     bool is_searching();
@@ -97,7 +100,7 @@ private:
     std::mutex guard_;
     Query query_;
     std::vector<ChannelConstraintDesc> constraints_;
-    bool should_run_ = false;
+    std::atomic<bool> should_run_{false};
     bool search_complete_ = false;
     int results_found_ = 0;
     int search_offset_ = 0;
