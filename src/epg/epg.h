@@ -1,11 +1,21 @@
-// EPG metadata search: the module's start and end as the library lifecycle
-// uses them. The search API itself is exported in app_mgr_search.h.
+// The EPG metadata search: the one header other folders include.
+//
+// The browser-facing functions (hbbCreateNewSearch ... hbbRemoveChannelConstraints)
+// are declared in the public header app_mgr_search.h. Library start-up and
+// shut-down use the two functions below.
 #pragma once
+
+#include "app_mgr_search.h"
 
 extern "C" {
 
-// 0 when the search module started.
+// Creates the 128-slot search table and the result pool. 0 on success, 1 on
+// failure. Calling it again while the module is up changes nothing and
+// returns 0.
 int initializeEPGExternal(void);
+
+// Ends every live search (stopping its scan and joining its thread), then
+// frees the table. 0 on success, 1 when the module was not initialised.
 int deinitializeEPGExternal(void);
 
 }  // extern "C"

@@ -71,6 +71,7 @@ struct RequestTable {
 extern const RequestTable kApplicationMessages;  // "Application": 51-89
 extern const RequestTable kBrowserRequests;      // 401 (User-Agent)
 extern const RequestTable kDsmccRequests;        // "DSMCC": 130-133
+extern const RequestTable kSearchRequests;       // 90-105, 122-125 (metadata search)
 
 // The row serving `id` on a connection, or null when the connection does not
 // take that id.

@@ -4,6 +4,7 @@
 #include "app_mgr_broadband.h"
 #include "app_mgr_export.h"
 #include "app_mgr_platform_types.h"
+#include "app_mgr_search.h"
 #include "app_mgr_state.h"
 #include "app_mgr_types.h"
 #include "hbb_platform.h"

@@ -129,6 +129,86 @@ int hbb_sim_open_decoders(void);
  * by hbbSetVideoProperties. */
 int hbb_sim_video_window(int* top, int* left, int* width, int* height);
 
+/* ---- EIT cache ---------------------------------------------------------------
+ * The service caches the EIT_DVB_* functions walk. A service cache holds its
+ * events in start-time order; services keep the order in which they were
+ * first fed. Feeding takes the cache lock, so it waits while a search walks
+ * a service. Texts are DVB-coded (the first byte may select the character
+ * table, as in the broadcast); the cache converts them to UTF-8 like
+ * mUT_ConvertCurStdToUTF8 does. The cache is not part of hbb_sim_reset:
+ * hbb_sim_eit_clear empties it. */
+
+/* A DVB-coded text of `length` bytes (it may contain zero bytes, e.g. in
+ * UCS-2). bytes null: no text. */
+typedef struct hbb_sim_dvb_text {
+    const unsigned char* bytes;
+    int length;
+} hbb_sim_dvb_text;
+
+typedef struct hbb_sim_eit_event {
+    int onid;
+    int tsid;
+    int sid;
+    int event_id;
+    int start_time; /* seconds since 1970-01-01 UTC */
+    int duration;   /* seconds */
+    hbb_sim_dvb_text name;              /* bytes null: the event has no name */
+    hbb_sim_dvb_text short_description; /* bytes null: no short-event text */
+    /* Extended-event text, one entry per segment (each becomes one
+     * converted segment); may be null when extended_segments is 0. */
+    const hbb_sim_dvb_text* extended_description;
+    int extended_segments;
+} hbb_sim_eit_event;
+
+/* Adds an (empty) service cache; an existing one is kept. Its index, or -1. */
+int hbb_sim_eit_add_service(int onid, int tsid, int sid);
+/* Adds an event (creating its service cache when needed). 0 on success, -1
+ * for a null event, a negative length or more than 255 segments. */
+int hbb_sim_eit_add_event(const hbb_sim_eit_event* event);
+/* One scenario line: "service ONID TSID SID" or
+ * "event ONID TSID SID EVENT_ID START DURATION|NAME|SHORT|EXT1|EXT2..."
+ * Numbers are decimal or 0x-hexadecimal. Texts are UTF-8 (fed with the UTF-8
+ * table byte); "\xNN" inserts a raw byte (a text starting with a raw byte
+ * below 0x20 is taken as DVB-coded as it stands), "\|" and "\\" a bar and a
+ * backslash. A NAME of "-" means no name; missing texts mean none. Blank
+ * lines and lines starting with "#" are ignored. 0 on success, -1 for a
+ * malformed line. */
+int hbb_sim_eit_feed_line(const char* line);
+/* Feeds every line of a scenario file. The number of events added, or -1
+ * (nothing of the bad line on is fed; errorLine, when not null, receives
+ * its number, 0 when the file cannot be read). */
+int hbb_sim_eit_load_file(const char* path, int* errorLine);
+/* Fills the cache with `services` services of `events_per_service`
+ * consecutive events each, from first_start on, with names, durations and
+ * texts drawn deterministically from seed. Service k has the triplet
+ * (1, 1 + k / 10, 100 + k); events are numbered from 1 in each service.
+ * Generated names include the word "News" in 1 of 64 events. Returns the
+ * number of events added, or -1. */
+int hbb_sim_eit_generate(int services, int events_per_service, int first_start,
+                         unsigned int seed);
+/* Empties the cache (cursors of registered clients then find nothing). */
+void hbb_sim_eit_clear(void);
+int hbb_sim_eit_service_count(void);
+int hbb_sim_eit_event_count(void);
+/* Registered cache clients. */
+int hbb_sim_eit_client_count(void);
+/* Non-zero while some thread holds the cache lock. */
+int hbb_sim_eit_cache_locked(void);
+/* Calls that move the event cursor or read an event are traced only while
+ * this is on (the default). A large scan is then traced call by call;
+ * benchmarks turn it off. */
+void hbb_sim_eit_trace_event_calls(int enabled);
+/* The nth call from now (1 = the next) of the named EIT function fails
+ * (EIT_DVB_ClientRegister, EIT_DVB_ClientUnregister, EIT_DVB_LockCache,
+ * EIT_DVB_UnlockCache, EIT_DVB_GetEventDataNonLock,
+ * EIT_DVB_GetRestOfEventDataNonLock); 0 cancels. -1 for another name. */
+int hbb_sim_eit_fail_call(const char* function, int nth);
+/* Called by EIT_DVB_GetEventDataNonLock on the scanning thread, with the
+ * cache lock held, before it fills the event: lets a test hold a scan at an
+ * event. Null clears it. */
+typedef void (*hbb_sim_eit_event_hook_fn)(int handle, int event_id, void* user);
+void hbb_sim_eit_set_event_hook(hbb_sim_eit_event_hook_fn fn, void* user);
+
 /* ---- settable answers ---------------------------------------------------------- */
 
 /* hbbGetFreeMemory's answer in kilobytes (start: -1, unknown). */

@@ -1,0 +1,283 @@
+// EPG search over a 100,000-event cache (50 services of 2,000 events):
+// the time from hbbStartSearch until the browser holds the end-of-search
+// callback, beside a plain loop that walks the same cache and makes the same
+// comparisons in one go; then the address space and resident memory of 128
+// live searches. See README.md.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "app_mgr.h"
+#include "app_mgr_state.h"
+#include "browser_standin.h"
+#include "common/seams.h"
+#include "epg/epg.h"
+#include "epg/query_eval.h"
+#include "epg/search_task.h"
+#include "hbb_sim.h"
+
+using appmgr::standin::BrowserStandin;
+using appmgr::standin::Connection;
+
+namespace {
+
+constexpr int kServices = 50;
+constexpr int kEventsPerService = 2000;
+constexpr int kFirstStart = 1790000000;
+// About 1,000 of the 100,000 events start in this range.
+constexpr int kRangeFrom = kFirstStart + 40000;
+constexpr int kRangeTo = kRangeFrom + 74400;
+// Event 1000 (0x3e8) of service 20 (triplet 1.3.120).
+constexpr const char* kProgrammeId = "dvb://1.3.78;3e8";
+
+struct Setup {
+    std::string dir;
+    BrowserStandin* browser = nullptr;
+    Setup() {
+        hbb_sim_set_log_stderr(0);
+        hbb_sim_set_log_level(5);
+        hbb_sim_eit_trace_event_calls(0);
+        char tmpl[] = "/tmp/appmgr-bench-search-XXXXXX";
+        dir = std::string(mkdtemp(tmpl)) + "/";
+        appmgr::seams::set_socket_dir(dir);
+        appmgr::seams::set_settle_millis(0);
+        tools_msg_init(&gData, 0, nullptr);
+        tools_msg_connect(&gData);
+        browser = new BrowserStandin(dir);
+        browser->connectAll(5000);
+        while (gData.mng_connection[MNG_CONNECTION_TYPE_CALLBACK].messenger.state !=
+               MESSENGER_STATE_STARTED)
+            std::this_thread::yield();
+        initializeEPGExternal();
+        hbb_sim_eit_clear();
+        hbb_sim_eit_generate(kServices, kEventsPerService, kFirstStart, 2024);
+    }
+    ~Setup() {
+        deinitializeEPGExternal();
+        tools_msg_close(&gData);
+        delete browser;
+        std::filesystem::remove_all(dir);
+    }
+};
+
+Setup& setup() {
+    static Setup s;
+    return s;
+}
+
+// Waits for the search-status callback; returns its eventsFound, or -1.
+int wait_end_of_search() {
+    auto frame = setup().browser->readFrame(Connection::Callbacks, 30000);
+    if (!frame || frame->id != 67 || frame->fields.size() != 5) return -1;
+    return std::atoi(frame->fields[4].c_str());
+}
+
+void set_single(int id, int field, int comparison, const char* value) {
+    hbbSetQueryInSubgroup(1, id, 0, 0, static_cast<eQueryFieldType>(field),
+                          static_cast<eQueryComparisonType>(comparison), strdup(value));
+}
+
+// Search ids: 1 title contains, 2 start-time range, 3 programme id.
+void create_searches() {
+    static bool created = false;
+    if (created) return;
+    created = true;
+    for (int id = 1; id <= 3; ++id) {
+        hbbCreateNewSearch(1, id);
+        hbbSetSearchQuerySubGroupsNumber(1, id, 1, 0, 0, 0, 0, 0);
+    }
+    hbbSetSearchQueryNumbersInSubgroup(1, 1, 0, 1);
+    set_single(1, eTitle, eContainString, "news");
+    hbbSetSearchQueryNumbersInSubgroup(1, 2, 0, 2);
+    set_single(2, eStartTime, eGreaterOrEqual, std::to_string(kRangeFrom).c_str());
+    hbbSetQueryInSubgroup(1, 2, 0, 1, eStartTime, eLess,
+                          strdup(std::to_string(kRangeTo).c_str()));
+    hbbSetSearchQueryNumbersInSubgroup(1, 3, 0, 1);
+    set_single(3, eProgrammeID, eEqual, kProgrammeId);
+}
+
+// One search, start to end-of-search callback, timed by hand (the clock
+// runs from the start request to the browser's receipt).
+void run_search(benchmark::State& state, int id) {
+    setup();
+    create_searches();
+    int found = 0;
+    for (auto _ : state) {
+        auto begin = std::chrono::steady_clock::now();
+        hbbStartSearch(1, id, 0, 5000);
+        found = wait_end_of_search();
+        auto end = std::chrono::steady_clock::now();
+        state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
+        // The next start drops these results; the abort keeps the pool free
+        // for the other searches of the run.
+        state.PauseTiming();
+        hbbAbortSearch(1, id);
+        wait_end_of_search();
+        state.ResumeTiming();
+    }
+    state.counters["found"] = found;
+}
+
+void release_descriptors(tEIT_DVB_HbbTVDescriptor& e) {
+    for (tEIT_DVB_EventDescriptor* d : {&e.eitShortEventDesc, &e.eitLongEventDesc}) {
+        for (int i = 0; i < d->eitEventSegmentNum; ++i)
+            UT_FreeDVBStringConverted(d->eitEventSegments[i]);
+        std::free(d->eitEventSegments);
+    }
+}
+
+// The floor: one client walks every service under the cache lock, reads
+// each event, makes the query's comparisons, and fetches (and drops) the
+// texts of the matches, as any scan must.
+template <typename Matches>
+int plain_loop(Matches&& matches) {
+    int found = 0;
+    int handle = EIT_DVB_ClientRegister();
+    for (int more_services = EIT_DVB_GetFirstServiceCache(handle); more_services;
+         more_services = EIT_DVB_GetNextServiceCache(handle)) {
+        EIT_DVB_LockCache();
+        for (int more = EIT_DVB_GetFirstEventFromCacheNonLock(handle); more;
+             more = EIT_DVB_GetNextEventFromCacheNonLock(handle)) {
+            tEIT_DVB_HbbTVDescriptor e{};
+            EIT_DVB_GetEventDataNonLock(handle, &e);
+            if (!matches(e)) continue;
+            ++found;
+            EIT_DVB_GetRestOfEventDataNonLock(handle, &e);
+            release_descriptors(e);
+        }
+        EIT_DVB_UnlockCache();
+    }
+    EIT_DVB_ClientUnregister(handle);
+    return found;
+}
+
+template <typename Matches>
+void run_loop(benchmark::State& state, Matches&& matches) {
+    setup();
+    int found = 0;
+    for (auto _ : state) {
+        auto begin = std::chrono::steady_clock::now();
+        found = plain_loop(matches);
+        auto end = std::chrono::steady_clock::now();
+        state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
+    }
+    state.counters["found"] = found;
+}
+
+void BM_SearchTitleContains(benchmark::State& state) { run_search(state, 1); }
+void BM_LoopTitleContains(benchmark::State& state) {
+    run_loop(state, [](const tEIT_DVB_HbbTVDescriptor& e) {
+        return appmgr::epg::contains_ignore_case(e.eitName, "news");
+    });
+}
+void BM_SearchStartTimeRange(benchmark::State& state) { run_search(state, 2); }
+void BM_LoopStartTimeRange(benchmark::State& state) {
+    run_loop(state, [](const tEIT_DVB_HbbTVDescriptor& e) {
+        return e.eitStartTime >= kRangeFrom && e.eitStartTime < kRangeTo;
+    });
+}
+void BM_SearchProgrammeId(benchmark::State& state) { run_search(state, 3); }
+void BM_LoopProgrammeId(benchmark::State& state) {
+    run_loop(state, [](const tEIT_DVB_HbbTVDescriptor& e) {
+        char id[appmgr::epg::kProgrammeIdSize];
+        appmgr::epg::format_programme_id(e, id);
+        return std::strcmp(id, kProgrammeId) == 0;
+    });
+}
+
+#define SEARCH_BENCHMARK(name) \
+    BENCHMARK(name)->UseManualTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly()
+SEARCH_BENCHMARK(BM_LoopTitleContains);
+SEARCH_BENCHMARK(BM_SearchTitleContains);
+SEARCH_BENCHMARK(BM_LoopStartTimeRange);
+SEARCH_BENCHMARK(BM_SearchStartTimeRange);
+SEARCH_BENCHMARK(BM_LoopProgrammeId);
+SEARCH_BENCHMARK(BM_SearchProgrammeId);
+
+// Keeps the medians (and the found counts) for the ratio table.
+class Collector : public benchmark::ConsoleReporter {
+public:
+    std::map<std::string, double> median_ms;
+    std::map<std::string, double> found;
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            if (run.aggregate_name != "median") continue;
+            const std::string name = run.run_name.function_name;
+            median_ms[name] = run.GetAdjustedRealTime();
+            auto counter = run.counters.find("found");
+            if (counter != run.counters.end()) found[name] = counter->second.value;
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+// VmSize and VmRSS of this process, in KiB.
+void memory_kib(long* size, long* rss) {
+    *size = *rss = -1;
+    FILE* status = std::fopen("/proc/self/status", "r");
+    if (status == nullptr) return;
+    char line[256];
+    while (std::fgets(line, sizeof line, status)) {
+        std::sscanf(line, "VmSize: %ld", size);
+        std::sscanf(line, "VmRSS: %ld", rss);
+    }
+    std::fclose(status);
+}
+
+void report_live_searches() {
+    // The three benchmark searches go first, so that only the 128 count.
+    for (int id = 1; id <= 3; ++id) hbbDestroySearch(1, id);
+    long size0, rss0, size1, rss1, size2, rss2;
+    memory_kib(&size0, &rss0);
+    int created = 0;
+    for (int id = 0; id < 128; ++id) {
+        if (hbbCreateNewSearch(2, id) != 0) break;
+        ++created;
+        hbbSetSearchQuerySubGroupsNumber(2, id, 1, 0, 0, 0, 0, 0);
+        hbbSetSearchQueryNumbersInSubgroup(2, id, 0, 1);
+        hbbSetQueryInSubgroup(2, id, 0, 0, eTitle, eContainString, strdup("news"));
+    }
+    memory_kib(&size1, &rss1);
+    // Every search scans the whole cache once (the pool lets the first ones
+    // keep up to 2,000 results in all).
+    for (int id = 0; id < created; ++id) hbbStartSearch(2, id, 0, 100);
+    for (int id = 0; id < created; ++id) wait_end_of_search();
+    memory_kib(&size2, &rss2);
+    std::printf("\n128 live searches (stack %zu KiB each):\n",
+                appmgr::epg::kSearchTaskStackSize / 1024);
+    std::printf("  created: %d\n", created);
+    std::printf("  idle:            address space +%ld KiB (%.1f KiB per search), resident +%ld KiB\n",
+                size1 - size0, static_cast<double>(size1 - size0) / created, rss1 - rss0);
+    std::printf("  after one scan:  address space +%ld KiB, resident +%ld KiB\n", size2 - size0,
+                rss2 - rss0);
+    for (int id = 0; id < created; ++id) hbbDestroySearch(2, id);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    Collector collector;
+    benchmark::RunSpecifiedBenchmarks(&collector);
+    const char* kinds[] = {"TitleContains", "StartTimeRange", "ProgrammeId"};
+    std::printf("\nscan / plain loop (medians, %d events):\n", kServices * kEventsPerService);
+    for (const char* kind : kinds) {
+        const std::string search = std::string("BM_Search") + kind;
+        const std::string loop = std::string("BM_Loop") + kind;
+        if (!collector.median_ms.count(search) || !collector.median_ms.count(loop)) continue;
+        std::printf("  %-15s search %7.2f ms (found %.0f)  loop %7.2f ms (found %.0f)  ratio %.2f\n",
+                    kind, collector.median_ms[search], collector.found[search],
+                    collector.median_ms[loop], collector.found[loop],
+                    collector.median_ms[search] / collector.median_ms[loop]);
+    }
+    setup();
+    create_searches();
+    report_live_searches();
+    benchmark::Shutdown();
+    return 0;
+}

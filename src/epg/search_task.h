@@ -1,0 +1,65 @@
+// The thread of one search: it waits for commands on its ring, runs scans,
+// drops results on an abort and ends on a destroy.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+
+#include "command_ring.h"
+
+namespace appmgr::epg {
+
+class SearchSlot;
+
+// Stack of a search thread. A scan needs a few kilobytes (one event record,
+// a programme-id buffer, the log and send paths); 64 KiB leave a wide margin
+// and keep 128 live searches at 8 MiB of stacks, where the platform default
+// (8 MiB each) would take a whole gigabyte of a 32-bit address space.
+// Sanitizer builds need several times more stack per frame.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kSearchTaskStackSize = 512 * 1024;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr std::size_t kSearchTaskStackSize = 512 * 1024;
+#else
+constexpr std::size_t kSearchTaskStackSize = 64 * 1024;
+#endif
+#else
+constexpr std::size_t kSearchTaskStackSize = 64 * 1024;
+#endif
+
+class SearchTask {
+public:
+    explicit SearchTask(SearchSlot& slot);
+    // A thread still running is ended: its ring is closed (whatever is
+    // queued) after asking a scan in progress to stop, and it is joined.
+    ~SearchTask();
+    SearchTask(const SearchTask&) = delete;
+    SearchTask& operator=(const SearchTask&) = delete;
+
+    // Starts the thread and waits until it runs. False when the thread
+    // cannot be created.
+    bool start();
+    bool enqueue(int command) { return ring_.enqueue(command); }
+    // Waits until the thread has dropped the results of an abort.
+    void wait_for_abort() { binder_.wait(); }
+    // Waits for the thread to end (after the destroy command).
+    void join();
+
+private:
+    static void* entry(void* self);
+    void run();
+    // Returns false when the thread must end.
+    bool execute(int command);
+    void start_search();
+    void abort_search();
+
+    SearchSlot& slot_;
+    CommandRing ring_;
+    Semaphore binder_;
+    pthread_t thread_{};
+    bool joinable_ = false;
+};
+
+}  // namespace appmgr::epg
