@@ -29,6 +29,7 @@
 #include <unordered_map>
 
 #include "app_mgr.h"
+#include "common/c_api.h"
 #include "common/log.h"
 #include "connection/connection.h"
 
@@ -250,27 +251,9 @@ int connection_fd(const Messenger_t* m) { return load(m->s_msg_connection); }
 using namespace appmgr::messenger;
 using appmgr::messenger::state;
 
-extern "C" {
+namespace {
 
-APPMGR_API ErrorType_t messenger_init(Messenger_t* d_msg, data_recived_clb func, void* priv) {
-    if (d_msg == nullptr) return RET_ERROR;
-    // 80 itself is accepted although the message says "80 < PORT".
-    if (d_msg->msg_port < 80 || d_msg->msg_port > 65534) {
-        AM_ERROR("MESSENGER: Port (%d) error (80 < PORT < 65535)", d_msg->msg_port);
-        return RET_ERROR;
-    }
-    d_msg->cb_func = func;
-    d_msg->priv = priv;
-    d_msg->t_msg_dispatcher = 0;
-    set_fd(d_msg, -1);
-    set_state(d_msg, MESSENGER_STATE_INIT);
-    ::sem_init(&d_msg->sem_send, 0, 1);
-    ::pthread_mutex_init(&d_msg->close_mutex, nullptr);
-    return RET_OK;
-}
-
-APPMGR_API ErrorType_t messenger_start(Messenger_t* d_msg) {
-    if (d_msg == nullptr) return RET_ERROR;
+ErrorType_t start_messenger(Messenger_t* d_msg) {
     if (!create_control(d_msg)) {
         AM_ERROR("MESSENGER: cannot create the stop pipe (%d)", errno);
         return RET_ERROR;
@@ -295,8 +278,7 @@ APPMGR_API ErrorType_t messenger_start(Messenger_t* d_msg) {
     return RET_OK;
 }
 
-APPMGR_API ErrorType_t messenger_stop(Messenger_t* d_msg) {
-    if (d_msg == nullptr) return RET_OK;
+ErrorType_t stop_messenger(Messenger_t* d_msg) {
     auto control = find_control(d_msg);
     if (control) {
         control->stopping = true;
@@ -326,10 +308,7 @@ APPMGR_API ErrorType_t messenger_stop(Messenger_t* d_msg) {
     return RET_OK;
 }
 
-APPMGR_API ErrorType_t messenger_send(Messenger_t* d_msg, void* data, unsigned int length) {
-    if (d_msg == nullptr || (data == nullptr && length != 0)) return RET_ERROR;
-    if (state(d_msg) != MESSENGER_STATE_STARTED) return RET_ERROR;
-    const char* bytes = static_cast<const char*>(data);
+ErrorType_t send_on(Messenger_t* d_msg, const char* bytes, unsigned int length) {
     auto control = find_control(d_msg);
     if (!control) return send_unqueued(d_msg, bytes, length);
 
@@ -361,8 +340,7 @@ APPMGR_API ErrorType_t messenger_send(Messenger_t* d_msg, void* data, unsigned i
     return RET_OK;
 }
 
-APPMGR_API void messenger_close_connection(Messenger_t* d_msg) {
-    if (d_msg == nullptr) return;
+void close_connection(Messenger_t* d_msg) {
     auto control = find_control(d_msg);
     ::pthread_mutex_lock(&d_msg->close_mutex);
     {
@@ -379,6 +357,53 @@ APPMGR_API void messenger_close_connection(Messenger_t* d_msg) {
     }
     set_state(d_msg, MESSENGER_STATE_STOPPED);
     ::pthread_mutex_unlock(&d_msg->close_mutex);
+}
+
+}  // namespace
+
+extern "C" {
+
+APPMGR_API ErrorType_t messenger_init(Messenger_t* d_msg, data_recived_clb func, void* priv) {
+    if (d_msg == nullptr) return RET_ERROR;
+    // 80 itself is accepted although the message says "80 < PORT".
+    if (d_msg->msg_port < 80 || d_msg->msg_port > 65534) {
+        AM_ERROR("MESSENGER: Port (%d) error (80 < PORT < 65535)", d_msg->msg_port);
+        return RET_ERROR;
+    }
+    d_msg->cb_func = func;
+    d_msg->priv = priv;
+    d_msg->t_msg_dispatcher = 0;
+    set_fd(d_msg, -1);
+    set_state(d_msg, MESSENGER_STATE_INIT);
+    ::sem_init(&d_msg->sem_send, 0, 1);
+    ::pthread_mutex_init(&d_msg->close_mutex, nullptr);
+    return RET_OK;
+}
+
+
+
+
+
+APPMGR_API ErrorType_t messenger_start(Messenger_t* d_msg) {
+    if (d_msg == nullptr) return RET_ERROR;
+    return appmgr::c_entry(__func__, RET_ERROR, [&] { return start_messenger(d_msg); });
+}
+
+APPMGR_API ErrorType_t messenger_stop(Messenger_t* d_msg) {
+    if (d_msg == nullptr) return RET_OK;
+    return appmgr::c_entry(__func__, RET_OK, [&] { return stop_messenger(d_msg); });
+}
+
+APPMGR_API ErrorType_t messenger_send(Messenger_t* d_msg, void* data, unsigned int length) {
+    if (d_msg == nullptr || (data == nullptr && length != 0)) return RET_ERROR;
+    if (state(d_msg) != MESSENGER_STATE_STARTED) return RET_ERROR;
+    return appmgr::c_entry(__func__, RET_ERROR,
+                           [&] { return send_on(d_msg, static_cast<const char*>(data), length); });
+}
+
+APPMGR_API void messenger_close_connection(Messenger_t* d_msg) {
+    if (d_msg == nullptr) return;
+    appmgr::c_entry_void(__func__, [&] { close_connection(d_msg); });
 }
 
 int messenger_setup_server(Messenger_t* d_msg) {

@@ -16,6 +16,7 @@
 
 #include "app_mgr_export.h"
 #include "common/log.h"
+#include "common/c_api.h"
 #include "common/seams.h"
 #include "hbb_platform.h"
 
@@ -94,6 +95,72 @@ void mounted_host(char (&host)[sizeof(DVBUrl_t::host)]) {
 void forget_mounted_carousel() { set_mounted_host(""); }
 
 }  // namespace appmgr::dsmcc
+
+namespace {
+
+int make_mount_point(DVBUrl_t in, char* out) {
+    out[0] = '\0';
+    const char* base = std::getenv("DSMCC_MOUNT_POINT");
+    if (base == nullptr || *base == '\0') base = kDefaultMountBase;
+
+    in.host[sizeof(in.host) - 1] = '\0';
+    if (!usable_host(in.host)) {
+        AM_ERROR("create_mount_point: host [%s] cannot name a directory\n", in.host);
+        return -1;
+    }
+    const int length = std::snprintf(out, kMountPointSize, "%s%s", base, in.host);
+    if (length < 0 || static_cast<std::size_t>(length) >= kMountPointSize) {
+        AM_ERROR("create_mount_point: mount point longer than %zu characters\n",
+                 kMountPointSize - 1);
+        out[0] = '\0';
+        return -1;
+    }
+
+    int stat_result = 0;
+    if (is_directory(out, &stat_result)) return 0;
+
+    // The path goes to the shell: only plain path characters are allowed.
+    if (!shell_safe_path(out)) {
+        AM_ERROR("create_mount_point: refusing to create [%s]\n", out);
+        out[0] = '\0';
+        return -1;
+    }
+    char command[kMountPointSize + 16];
+    std::snprintf(command, sizeof(command), "mkdir -p %s", out);
+    appmgr::seams::run_shell(command);
+    if (is_directory(out, &stat_result)) return 0;
+    AM_ERROR("create_mount_point: cannot create [%s]\n", out);
+    out[0] = '\0';
+    return stat_result != 0 ? stat_result : -1;
+}
+
+int mount_carousel(const char* dvbUrl) {
+    if (!iIsDVBURI(dvbUrl)) {
+        AM_ERROR("hbbMountCarousel error - iIsDVBURI failed (URI: %s)\n",
+                 dvbUrl ? dvbUrl : "(null)");
+        return 0;
+    }
+    DVBUrl_t url;
+    if (parse_dvb_url(dvbUrl, &url) == 0) {
+        AM_ERROR("hbbMountCarousel error - parse_dvb_url failed (URI: %s)\n", dvbUrl);
+        return 0;
+    }
+    std::lock_guard<std::mutex> mount_lock(g_mount_call_mutex);
+    const unsigned short tag = static_cast<unsigned short>(url.ctag);
+    const tQUMA_ErrorCode error = QUMA_MountCarouselObject(tag);
+    if (error != eQUMA_NO_ERROR) {
+        AM_ERROR("hbbMountCarousel error - QUMA_MountCarouselObject failed (component tag %d) "
+                 "(error: %d)\n",
+                 url.ctag, static_cast<int>(error));
+        // Mounting replaces the previous carousel, also when it fails.
+        set_mounted_host("");
+        return 0;
+    }
+    set_mounted_host(url.host);
+    return 1;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -202,65 +269,11 @@ int parse_dvb_url(const char* dvb_url, DVBUrl_t* out) {
 
 APPMGR_API int create_mount_point(DVBUrl_t in, char* out) {
     if (out == nullptr) return -1;
-    out[0] = '\0';
-    const char* base = std::getenv("DSMCC_MOUNT_POINT");
-    if (base == nullptr || *base == '\0') base = kDefaultMountBase;
-
-    in.host[sizeof(in.host) - 1] = '\0';
-    if (!usable_host(in.host)) {
-        AM_ERROR("create_mount_point: host [%s] cannot name a directory\n", in.host);
-        return -1;
-    }
-    const int length = std::snprintf(out, kMountPointSize, "%s%s", base, in.host);
-    if (length < 0 || static_cast<std::size_t>(length) >= kMountPointSize) {
-        AM_ERROR("create_mount_point: mount point longer than %zu characters\n",
-                 kMountPointSize - 1);
-        out[0] = '\0';
-        return -1;
-    }
-
-    int stat_result = 0;
-    if (is_directory(out, &stat_result)) return 0;
-
-    // The path goes to the shell: only plain path characters are allowed.
-    if (!shell_safe_path(out)) {
-        AM_ERROR("create_mount_point: refusing to create [%s]\n", out);
-        out[0] = '\0';
-        return -1;
-    }
-    char command[kMountPointSize + 16];
-    std::snprintf(command, sizeof(command), "mkdir -p %s", out);
-    appmgr::seams::run_shell(command);
-    if (is_directory(out, &stat_result)) return 0;
-    AM_ERROR("create_mount_point: cannot create [%s]\n", out);
-    out[0] = '\0';
-    return stat_result != 0 ? stat_result : -1;
+    return appmgr::c_entry(__func__, -1, [&] { return make_mount_point(in, out); });
 }
 
 APPMGR_API int hbbMountCarousel(const char* dvbUrl) {
-    if (!iIsDVBURI(dvbUrl)) {
-        AM_ERROR("hbbMountCarousel error - iIsDVBURI failed (URI: %s)\n",
-                 dvbUrl ? dvbUrl : "(null)");
-        return 0;
-    }
-    DVBUrl_t url;
-    if (parse_dvb_url(dvbUrl, &url) == 0) {
-        AM_ERROR("hbbMountCarousel error - parse_dvb_url failed (URI: %s)\n", dvbUrl);
-        return 0;
-    }
-    std::lock_guard<std::mutex> mount_lock(g_mount_call_mutex);
-    const unsigned short tag = static_cast<unsigned short>(url.ctag);
-    const tQUMA_ErrorCode error = QUMA_MountCarouselObject(tag);
-    if (error != eQUMA_NO_ERROR) {
-        AM_ERROR("hbbMountCarousel error - QUMA_MountCarouselObject failed (component tag %d) "
-                 "(error: %d)\n",
-                 url.ctag, static_cast<int>(error));
-        // Mounting replaces the previous carousel, also when it fails.
-        set_mounted_host("");
-        return 0;
-    }
-    set_mounted_host(url.host);
-    return 1;
+    return appmgr::c_entry(__func__, 0, [&] { return mount_carousel(dvbUrl); });
 }
 
 void hbbUnmountCarousel(void) {

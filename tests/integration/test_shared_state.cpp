@@ -108,8 +108,12 @@ TEST_F(SharedStateTest, NetworkStatusWhileProbing) {
 TEST_F(SharedStateTest, RestartWhileKeySetsChange) {
     OwnedAit ait(16, "dvb://1.2.3", {carousel(1)});
     ASSERT_EQ(hbb_sim_fire_ait(ait.get()), 0);
-    together([] { for (int i = 0; i < 100; ++i) applicationManagerRestart(); },
-             [] { for (int i = 0; i < 300; ++i) setKeySet(i % 2 ? 0x1F : 0x3FF, nullptr); });
+    auto restarts = [] { for (int i = 0; i < 100; ++i) applicationManagerRestart(); };
+    auto key_sets = [] { for (int i = 0; i < 300; ++i) setKeySet(i % 2 ? 0x1F : 0x3FF, nullptr); };
+    together(restarts, key_sets);
+    // Suspended, a key set depends on the portal mode that restart clears.
+    applicationManagerDeInit();
+    together(restarts, key_sets);
     EXPECT_FALSE(portal_mode());
 }
 
@@ -142,15 +146,21 @@ TEST_F(SharedStateTest, PortalAndLaunchDuringAitUpdates) {
     OwnedAit ait(16, "dvb://1.2.3", {carousel(1), carousel(2, PRESENT)});
     std::string portal = server.url("/portal.aitx");
     std::string list = server.url("/list.aitx");
+    std::atomic<bool> done{false};
     together(
-        [&] { for (int i = 0; i < 100; ++i) hbb_sim_fire_ait(ait.get()); },
+        // Tables keep arriving for as long as the portal is being used.
+        [&] { while (!done) hbb_sim_fire_ait(ait.get()); },
         [&] {
-            for (int i = 0; i < 10; ++i) {
+            for (int i = 0; i < 30; ++i) {
                 openWebPortal(portal.data());
                 Hbbtv_AM_Launch_Application(eLaunchFormBroadcastApp, list.data());
                 closeWebPortal();
             }
+            done = true;
         });
+    // Both XML paths ran every time.
+    EXPECT_EQ(log_.count("########## XML APPLICATION #########"), 30);
+    EXPECT_EQ(log_.count("XML parsed successfully and update ait success"), 30);
     EXPECT_FALSE(portal_mode());
 }
 
