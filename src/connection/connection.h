@@ -27,7 +27,7 @@ enum class PeerLost {
     BrowserCrashed,  // the browser process is gone: run the crash handler, then reaccept
 };
 
-struct ConnectionSpec {
+struct ConnectionRow {
     Mng_ConnectionType_t type;
     const char* name;         // "Application", ... (logs)
     int port;                 // logical port; selects the socket file
@@ -41,8 +41,8 @@ constexpr int kStallMillis = 10000;
 
 // The row of a connection type (valid types only) / of a port (null when the
 // port is none of the five).
-const ConnectionSpec& spec(Mng_ConnectionType_t type);
-const ConnectionSpec* spec_for_port(int port);
+const ConnectionRow& row(Mng_ConnectionType_t type);
+const ConnectionRow* row_for_port(int port);
 
 // The socket path of a port: the socket directory ("/tmp/") and the file of
 // the port's row, at most 107 characters; "" for an unknown port (logged).

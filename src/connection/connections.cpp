@@ -18,7 +18,7 @@ constexpr std::size_t kMaxPathLength = 107;
 
 // Indexed by Mng_ConnectionType_t. The port numbers do not follow the
 // connection order; each selects its socket file.
-constexpr ConnectionSpec kConnections[MNG_CONNECTION_TYPE_SIZE] = {
+constexpr ConnectionRow kConnections[MNG_CONNECTION_TYPE_SIZE] = {
     {MNG_CONNECTION_TYPE_APP, "Application", 9513, "UNIX_APP.domain", true,
      PeerLost::BrowserCrashed},
     {MNG_CONNECTION_TYPE_H_PUGINS, "dtvPlugins", 9514, "UNIX_H_PLUIN.domain", true,
@@ -34,16 +34,16 @@ std::atomic<BrowserLostHandler> g_browser_lost{nullptr};
 
 }  // namespace
 
-const ConnectionSpec& spec(Mng_ConnectionType_t type) { return kConnections[type]; }
+const ConnectionRow& row(Mng_ConnectionType_t type) { return kConnections[type]; }
 
-const ConnectionSpec* spec_for_port(int port) {
-    for (const ConnectionSpec& c : kConnections)
+const ConnectionRow* row_for_port(int port) {
+    for (const ConnectionRow& c : kConnections)
         if (c.port == port) return &c;
     return nullptr;
 }
 
 std::string socket_path(int port) {
-    const ConnectionSpec* c = spec_for_port(port);
+    const ConnectionRow* c = row_for_port(port);
     if (c == nullptr) {
         AM_ERROR("Unknown message port\n!");
         return std::string();

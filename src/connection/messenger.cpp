@@ -477,8 +477,8 @@ void* manager_srv_task(void* arg) {
     if (messenger_setup_server(d_msg) != 0 && !stop_requested(d_msg))
         AM_ERROR("MESSENGER-TASK-SERVER: Server error");
     set_state(d_msg, MESSENGER_STATE_STARTED);
-    const appmgr::connection::ConnectionSpec* spec =
-        appmgr::connection::spec_for_port(d_msg->msg_port);
+    const appmgr::connection::ConnectionRow* row =
+        appmgr::connection::row_for_port(d_msg->msg_port);
 
     for (;;) {
         int fd = connection_fd(d_msg);
@@ -499,7 +499,7 @@ void* manager_srv_task(void* arg) {
         else
             AM_ERROR("MESSENGER-TASK-SERVER: socket closed (%s)", d_msg->name);
         messenger_close_connection(d_msg);
-        if (spec != nullptr && spec->on_peer_lost == appmgr::connection::PeerLost::BrowserCrashed)
+        if (row != nullptr && row->on_peer_lost == appmgr::connection::PeerLost::BrowserCrashed)
             appmgr::connection::browser_lost();
         if (messenger_setup_server(d_msg) == 0) continue;
         if (!stop_requested(d_msg)) AM_ERROR("MESSENGER-TASK-SERVER: Server error");

@@ -25,14 +25,14 @@ void settle() {
 
 ErrorType_t init_connections(GlobalData_t* data) {
     AM_INFO("Application-manager: Connection port = %d",
-            appmgr::connection::spec(MNG_CONNECTION_TYPE_APP).port);
+            appmgr::connection::row(MNG_CONNECTION_TYPE_APP).port);
     for (int i = 0; i < MNG_CONNECTION_TYPE_SIZE; ++i) {
-        const auto& spec = appmgr::connection::spec(static_cast<Mng_ConnectionType_t>(i));
+        const auto& row = appmgr::connection::row(static_cast<Mng_ConnectionType_t>(i));
         Messenger_t& m = data->mng_connection[i].messenger;
         m.msg_type = MESSENGER_TYPE_SERVER;
         std::memset(m.name, 0, sizeof(m.name));
-        std::strncpy(m.name, spec.name, sizeof(m.name) - 1);
-        m.msg_port = spec.port;
+        std::strncpy(m.name, row.name, sizeof(m.name) - 1);
+        m.msg_port = row.port;
     }
     for (int i = 0; i < MNG_CONNECTION_TYPE_SIZE; ++i) {
         Mng_Connection_t& c = data->mng_connection[i];
@@ -64,7 +64,7 @@ const Mng_Connection_t* checked_connection(void* data, const char* buff) {
     }
     const int type = static_cast<int>(connection->mng_type);
     if (type < 0 || type >= MNG_CONNECTION_TYPE_SIZE ||
-        !appmgr::connection::spec(connection->mng_type).carries_requests) {
+        !appmgr::connection::row(connection->mng_type).carries_requests) {
         AM_ERROR("input_data_received: Error mng_type(%d) not supported!!!", type);
         return nullptr;
     }
