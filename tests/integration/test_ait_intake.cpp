@@ -22,11 +22,8 @@ class AitIntakeTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        locked([] { state::set_terminal_version({1, 7, 1}); });
         hbb_sim_set_parental_threshold(18);
-        ASSERT_EQ(startWithBrowser(), 1);
-        ASSERT_EQ(applicationManagerInit(), 1);
-        MiddlewareCallbacks::install();
+        startActive();
         serveCarousel(1, {"app1/index.html", "app2/index.html", "app3/index.html",
                           "app/index.html"});
     }

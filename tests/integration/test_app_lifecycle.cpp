@@ -32,10 +32,7 @@ class AppLifecycleTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        locked([] { state::set_terminal_version({1, 7, 1}); });
-        ASSERT_EQ(startWithBrowser(), 1);
-        ASSERT_EQ(applicationManagerInit(), 1);
-        MiddlewareCallbacks::install();
+        startActive();
         serveCarousel(1, {"index.html", "ttx1/index.html", "ttx3/index.html"});
     }
     std::string body(Connection c = Connection::Application) { return nextFrame(c).body; }

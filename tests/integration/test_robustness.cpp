@@ -58,10 +58,7 @@ class RobustnessTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        set_terminal_version(1, 7, 1);
-        ASSERT_EQ(startWithBrowser(), 1);
-        ASSERT_EQ(applicationManagerInit(), 1);
-        MiddlewareCallbacks::install();
+        startActive();
     }
     void reconnectApplication(int crashes_so_far) {
         browser_.disconnect(Connection::Application);

@@ -54,10 +54,7 @@ class SharedStateTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        set_terminal_version(1, 7, 1);
-        ASSERT_EQ(startWithBrowser(), 1);
-        ASSERT_EQ(applicationManagerInit(), 1);
-        MiddlewareCallbacks::install();
+        startActive();
         serveCarousel(1, {"app1/index.html", "app2/index.html", "app3/index.html"});
         drain_ = std::thread([this] {
             while (!stop_) {

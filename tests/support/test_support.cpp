@@ -150,6 +150,13 @@ int LibraryTest::startWithBrowser() {
     return init.get();
 }
 
+void LibraryTest::startActive() {
+    set_terminal_version(1, 7, 1);
+    ASSERT_EQ(startWithBrowser(), 1);
+    ASSERT_EQ(applicationManagerInit(), 1);
+    MiddlewareCallbacks::install();
+}
+
 void LibraryTest::startMessagingOnly() {
     messaging_only_ = true;
     ASSERT_EQ(tools_msg_init(&gData, 0, nullptr), RET_OK);

@@ -133,6 +133,10 @@ protected:
     // Runs the first applicationManagerInit on a thread while the stand-in
     // connects all five sockets and reports the browser present.
     int startWithBrowser();
+    // The usual start of a test of an active library: a terminal of version
+    // 1.7.1, the browser reported, the library activated and the
+    // middleware's start/stop callbacks installed.
+    void startActive();
     // Brings only the five connections up (no lifecycle), stand-in connected.
     void startMessagingOnly();
 
