@@ -13,6 +13,7 @@
 #include "app_mgr.h"
 #include "common/log.h"
 #include "hbb_platform.h"
+#include "protocol/protocol.h"
 #include "query_eval.h"
 
 namespace appmgr::epg {
@@ -339,7 +340,7 @@ void search_status_notify(int searchID, int searchStatus, int offset, int length
     event.eventsFound = eventsFound;
     event.searchOffset = offset;
     event.searchResult = length;
-    send_command(67, &event);
+    protocol::send(protocol::Command::SearchStatus, &event);
 }
 
 void dump_query(const Query& query) {
