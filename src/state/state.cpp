@@ -228,7 +228,11 @@ void clear_current_ait() {
 
 void init_current_ait() {
     REQUIRE_LOCK();
+    // Everything but the locator, which is kept.
+    char locator[sizeof(::current_ait.dvb_url)];
+    std::memcpy(locator, ::current_ait.dvb_url, sizeof(locator));
     records::release_ait_fields(::current_ait);
+    std::memcpy(::current_ait.dvb_url, locator, sizeof(locator));
     reset_flags(0);
     first_run = 1;
 }
