@@ -180,8 +180,9 @@ int QUMA_StreamEventsWOCUnsubscribe(unsigned short componentTag, const char* eve
                                     const char* targetURL, unsigned short eventId);
 
 /* ---- channels and tuning --------------------------------------------------
- * Called on the "dtvPlugins" receive thread (under the AIT guard), on AIT and
- * channel callback threads, and on the HTTP path that fetches XML AITs.
+ * Called on the "dtvPlugins" receive thread (without the AIT guard), on AIT
+ * and channel callback threads (often under it), and on the HTTP path that
+ * fetches XML AITs.
  * A Channel returned by pointer is fresh: its texts (ccid, name, dsd) are
  * heap strings owned by the record, and the library releases it with
  * channel_destroy. */
