@@ -160,10 +160,15 @@ void get_programme_item(Request& request) {
 
 // ---- stream-event listeners ----
 
-// Fields: target URL, event name. A field too long to carry is refused.
+// Fields: target URL, event name. A missing field, or one too long to
+// carry, is refused.
 bool take_listener(Request& request, std::string* url, std::string* name) {
-    return take_text(request, stream_events::kMaxUrlLength, "stream event target URL", url) &&
-           take_text(request, stream_events::kMaxNameLength, "stream event name", name);
+    const bool taken =
+        take_text(request, stream_events::kMaxUrlLength, "stream event target URL", url) &&
+        take_text(request, stream_events::kMaxNameLength, "stream event name", name);
+    if (taken && !url->empty() && !name->empty()) return true;
+    AM_ERROR("stream event listener request without a usable target URL and event name");
+    return false;
 }
 
 void add_stream_event_listener(Request& request) {
