@@ -129,18 +129,19 @@ void send_fired_event(const char* name, const char* path, const char* payload, i
     std::free(utf8);
 }
 
-void stream_event(const char* name, const char* path, tQUMAm_DSMCC_StreamEventStatus status,
-                  const char* payload, int length) {
+void stream_event(const char* name, const char* path, int status, const char* payload,
+                  int length) {
     AM_INFO("hbbtvExtQumaStreamEventsCallback called (eventName %s) (eventPath %s) (eventStatus "
             "%d) (payloadSize %d)\n",
-            name != nullptr ? name : "(null)", path != nullptr ? path : "(null)",
-            static_cast<int>(status), length);
-    switch (status) {
-        case eQUMAm_DSMCC_EVENT_ERROR: send_error_event(name, path); return;
-        case eQUMAm_DSMCC_EVENT_FIRE: send_fired_event(name, path, payload, length); return;
+            name != nullptr ? name : "(null)", path != nullptr ? path : "(null)", status, length);
+    if (status == eQUMAm_DSMCC_EVENT_ERROR) {
+        send_error_event(name, path);
+    } else if (status == eQUMAm_DSMCC_EVENT_FIRE) {
+        send_fired_event(name, path, payload, length);
+    } else {
+        AM_ERROR("hbbtvExtQumaStreamEventsCallback received unsupported event (status: %d)\n",
+                 status);
     }
-    AM_ERROR("hbbtvExtQumaStreamEventsCallback received unsupported event (status: %d)\n",
-             static_cast<int>(status));
 }
 
 }  // namespace
@@ -150,8 +151,13 @@ extern "C" {
 APPMGR_API void hbbtvExtQUMAStreamEventsCallback(char* eventName, char* eventPath,
                                                  tQUMAm_DSMCC_StreamEventStatus eventStatus,
                                                  char* eventPayload, int payloadLen) {
+    // The middleware is C code and may pass any number as the status: read
+    // it as the number it is, not as one of the enumeration's two values.
+    int status = 0;
+    static_assert(sizeof status == sizeof eventStatus, "the status travels as an int");
+    std::memcpy(&status, &eventStatus, sizeof status);
     appmgr::c_entry_void(__func__, [&] {
-        stream_event(eventName, eventPath, eventStatus, eventPayload, payloadLen);
+        stream_event(eventName, eventPath, status, eventPayload, payloadLen);
     });
 }
 

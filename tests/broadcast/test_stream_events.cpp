@@ -118,8 +118,12 @@ TEST_F(StreamEventTest, DataStopsAt512PayloadBytes) {
 TEST_F(StreamEventTest, ErrorsUnsupportedStatusesAndEmptyPayloads) {
     fire("", eQUMAm_DSMCC_EVENT_ERROR);
     EXPECT_EQ(next_event(), event("undefined", "undefined", "error"));
-    // Neither of these sends anything: the next event is the marker's.
-    fire("x", static_cast<tQUMAm_DSMCC_StreamEventStatus>(7));
+    // Neither of these sends anything: the next event is the marker's. A C
+    // middleware passes the status as a plain int, 7 included.
+    using StatusAsInt = void (*)(char*, char*, int, char*, int);
+    auto as_c = reinterpret_cast<StatusAsInt>(&hbbtvExtQUMAStreamEventsCallback);
+    char payload[] = "x";
+    as_c(const_cast<char*>("ev"), const_cast<char*>(kPath), 7, payload, 1);
     fire("");
     hbbtvExtQUMAStreamEventsCallback(const_cast<char*>("ev"), const_cast<char*>(kPath),
                                      eQUMAm_DSMCC_EVENT_FIRE, nullptr, 4);
