@@ -1,4 +1,4 @@
-// Object carousel, DSM-CC loader and stream events.
+// Object carousel and DSM-CC loader.
 //
 // A local directory tree stands in for the object carousel of a component
 // tag (hbb_sim_set_carousel). QUMA_MountCarouselObject mounts the carousel
@@ -23,7 +23,7 @@
 //
 // hbb_sim_carousel_break_next makes the next loader calls report
 // DSMCC_LOADER_BREAK and drop the mount, as a service change during the load
-// would. Stream-event subscriptions still fail with -1.
+// would.
 #include <dirent.h>
 #include <limits.h>
 #include <strings.h>
@@ -496,40 +496,6 @@ DSMCC_LoaderResult DSMCC_LoaderGetStreamEventList(const char* dvbUrl, char** nam
 void DSMCC_LoaderRelease(void* buffer) {
     hbbsim::record("DSMCC_LoaderRelease", "%s", buffer ? "buffer" : "null");
     std::free(buffer);
-}
-
-// ---- stream events -------------------------------------------------------------------
-
-int QUMA_StreamEventsSubscribe(const char* eventName, const char* targetURL,
-                               tQUMAm_DSMCC_StreamEventCallback callback) {
-    hbbsim::record("QUMA_StreamEventsSubscribe", "name=%s url=%s callback=%s -> -1",
-                   hbbsim::text_or_null(eventName), hbbsim::text_or_null(targetURL),
-                   callback ? "set" : "null");
-    return -1;
-}
-
-int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL) {
-    hbbsim::record("QUMA_StreamEventsUnsubscribe", "name=%s url=%s -> -1",
-                   hbbsim::text_or_null(eventName), hbbsim::text_or_null(targetURL));
-    return -1;
-}
-
-int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* eventName,
-                                  const char* targetURL, unsigned short eventId,
-                                  tQUMAm_DSMCC_StreamEventCallback callback) {
-    hbbsim::record("QUMA_StreamEventsWOCSubscribe", "ctag=%u name=%s url=%s id=%u callback=%s -> -1",
-                   static_cast<unsigned>(componentTag), hbbsim::text_or_null(eventName),
-                   hbbsim::text_or_null(targetURL), static_cast<unsigned>(eventId),
-                   callback ? "set" : "null");
-    return -1;
-}
-
-int QUMA_StreamEventsWOCUnsubscribe(unsigned short componentTag, const char* eventName,
-                                    const char* targetURL, unsigned short eventId) {
-    hbbsim::record("QUMA_StreamEventsWOCUnsubscribe", "ctag=%u name=%s url=%s id=%u -> -1",
-                   static_cast<unsigned>(componentTag), hbbsim::text_or_null(eventName),
-                   hbbsim::text_or_null(targetURL), static_cast<unsigned>(eventId));
-    return -1;
 }
 
 }  // extern "C"

@@ -32,9 +32,13 @@ std::vector<SimChannel> channels;
 int current = -1;
 bool presenting = true;
 // The list record handed out by hbbGetChannelList; the middleware owns it.
-ChannelList channel_list_record{0};
+// One per thread, so that a caller's record stays as it read it.
+thread_local ChannelList channel_list_record{0};
 hbb_sim_tune_fn tune_hook = nullptr;
 void* tune_hook_user = nullptr;
+// The error the next found tune fails with (hbb_sim_fail_next_tune).
+bool tune_fails = false;
+ChannelChangeError tune_failure = CCE_UNDEFINED;
 
 std::optional<std::string> optional_text(const char* text) {
     if (!text) return std::nullopt;
@@ -128,8 +132,20 @@ std::string describe(const Channel* channel) {
            std::to_string(channel->sid);
 }
 
-// Makes a position current and presenting, then reports the tune to the
-// host's hook (outside the lock).
+// Hands a copy of a channel to a library entry point on the notifier thread.
+template <typename Deliver>
+void post_channel(const SimChannel& channel, Deliver deliver) {
+    hbbsim::post([channel, deliver] {
+        Channel record{};
+        if (!fill_record(&record, channel)) return;
+        deliver(&record);
+        free_texts(&record);
+    });
+}
+
+// Makes a position current and presenting, reports the tune to the host's
+// hook (outside the lock), then has the library told on the notifier
+// thread.
 void tune_to(int position, int quiet) {
     SimChannel tuned;
     hbb_sim_tune_fn hook;
@@ -144,11 +160,32 @@ void tune_to(int position, int quiet) {
         hook = tune_hook;
         hook_user = tune_hook_user;
     }
-    if (!hook) return;
-    Channel record{};
-    if (!fill_record(&record, tuned)) return;
-    hook(&record, quiet, hook_user);
-    free_texts(&record);
+    if (hook) {
+        Channel record{};
+        if (fill_record(&record, tuned)) {
+            hook(&record, quiet, hook_user);
+            free_texts(&record);
+        }
+    }
+    if (auto changed = hbbsim::listeners().channel_changed)
+        post_channel(tuned, [changed](Channel* c) { changed(c); });
+}
+
+// A tune that hbb_sim_fail_next_tune set to fail: the channel stays, the
+// library is told of the error. False when no failure is pending.
+bool fail_tune(int position) {
+    SimChannel asked;
+    ChannelChangeError error;
+    {
+        std::lock_guard<std::mutex> lock(channels_mutex);
+        if (!tune_fails || position >= static_cast<int>(channels.size())) return false;
+        tune_fails = false;
+        error = tune_failure;
+        asked = channels[static_cast<size_t>(position)];
+    }
+    if (auto failed = hbbsim::listeners().channel_change_error)
+        post_channel(asked, [failed, error](Channel* c) { failed(error, c); });
+    return true;
 }
 
 // Steps the current position through the list; -1 when the list is empty.
@@ -169,7 +206,31 @@ void reset_channels() {
     channels.clear();
     current = -1;
     presenting = true;
-    channel_list_record.length = 0;
+    tune_fails = false;
+}
+
+bool channel_triplet(int position, Triplet* out) {
+    std::lock_guard<std::mutex> lock(channels_mutex);
+    if (position < 0 || position >= static_cast<int>(channels.size())) return false;
+    const SimChannel& c = channels[static_cast<size_t>(position)];
+    *out = Triplet{c.onid, c.tsid, c.sid};
+    return true;
+}
+
+std::string channel_ccid(const Triplet& channel) {
+    std::lock_guard<std::mutex> lock(channels_mutex);
+    for (const SimChannel& c : channels)
+        if (Triplet{c.onid, c.tsid, c.sid} == channel) return c.ccid.value_or("");
+    return "";
+}
+
+bool current_channel(Triplet* out, std::string* ccid) {
+    std::lock_guard<std::mutex> lock(channels_mutex);
+    if (current < 0) return false;
+    const SimChannel& c = channels[static_cast<size_t>(current)];
+    *out = Triplet{c.onid, c.tsid, c.sid};
+    if (ccid) *ccid = c.ccid.value_or("");
+    return true;
 }
 
 }  // namespace hbbsim
@@ -276,7 +337,7 @@ int hbbSetChannel(Channel* channel, int quiet) {
     }
     int result = position < 0 ? -1 : 0;
     hbbsim::record("hbbSetChannel", "%s quiet=%d -> %d", describe(channel).c_str(), quiet, result);
-    if (position >= 0) tune_to(position, quiet);
+    if (position >= 0 && !fail_tune(position)) tune_to(position, quiet);
     return result;
 }
 
@@ -358,6 +419,12 @@ int hbb_sim_channel_count(void) {
 int hbb_sim_current_channel(void) {
     std::lock_guard<std::mutex> lock(channels_mutex);
     return current;
+}
+
+void hbb_sim_fail_next_tune(ChannelChangeError error) {
+    std::lock_guard<std::mutex> lock(channels_mutex);
+    tune_fails = true;
+    tune_failure = error;
 }
 
 void hbb_sim_set_tune_hook(hbb_sim_tune_fn fn, void* user) {

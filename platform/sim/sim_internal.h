@@ -18,9 +18,31 @@
 #pragma GCC visibility pop
 #endif
 
+#include <functional>
 #include <string>
 
 namespace hbbsim {
+
+// A service, as the programmes and components of the simulator know it.
+struct Triplet {
+    int onid = 0;
+    int tsid = 0;
+    int sid = 0;
+    bool operator==(const Triplet& o) const { return onid == o.onid && tsid == o.tsid && sid == o.sid; }
+};
+// The triplet of the channel at a position of the list; false when none.
+bool channel_triplet(int position, Triplet* out);
+// The triplet (and ccid, when it has one; may be null) of the current
+// channel; false when none is current.
+bool current_channel(Triplet* out, std::string* ccid);
+// The ccid of the first channel with this triplet ("" when it has none or
+// there is no such channel).
+std::string channel_ccid(const Triplet& channel);
+
+// Queues a notification for the notifier thread (see sim_notifier.cpp).
+void post(std::function<void()> task);
+// The library entry points the host registered.
+hbb_sim_listeners listeners();
 
 // Counts a porting call and hands its details (printf-style) to the trace
 // hook. Must be called without any simulator lock held: the hook may call
@@ -44,5 +66,9 @@ void reset_channels();
 void reset_presentation();
 void reset_settable_answers();
 void reset_carousel();
+void reset_notifier();
+void reset_programmes();
+void reset_components();
+void reset_stream_events();
 
 }  // namespace hbbsim

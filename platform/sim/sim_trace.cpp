@@ -93,12 +93,17 @@ int hbb_sim_last_call(const char* function, char* buf, int buf_size) {
 }
 
 void hbb_sim_reset(void) {
+    // Nothing queued from before the reset may reach the library afterwards.
+    hbbsim::reset_notifier();
     hbbsim::reset_trace_records();
     hbbsim::reset_notifications();
     hbbsim::reset_channels();
     hbbsim::reset_presentation();
     hbbsim::reset_settable_answers();
     hbbsim::reset_carousel();
+    hbbsim::reset_programmes();
+    hbbsim::reset_components();
+    hbbsim::reset_stream_events();
 }
 
 }  // extern "C"

@@ -113,6 +113,10 @@ int wait_for_browser() {
 
 void on_browser_state_report(int value) {
     if (value != 0) {
+        // A browser that reports is running, also when its report comes
+        // after a wait gave up: close must tear it down. Set before the
+        // state and the log line, so whoever sees either sees it too.
+        state::set_browser_running(true);
         state::set_library(APP_MANAGER_SUSPENDED);
         AM_INFO("app-man in web-browser SUSPENDED\n\n");
     } else {
@@ -121,12 +125,7 @@ void on_browser_state_report(int value) {
     }
     ensure_cond_var();
     pthread_mutex_lock(&appmgr_mutex);
-    if (value != 0) {
-        ++g_reports;
-        // A browser that reports is running, also when its report comes
-        // after a wait gave up: close must tear it down.
-        state::set_browser_running(true);
-    }
+    if (value != 0) ++g_reports;
     pthread_cond_broadcast(&appmgr_cond_var);
     pthread_mutex_unlock(&appmgr_mutex);
 }

@@ -371,16 +371,17 @@ HbbFileSystemEntryDescriptor* hbbGetDsmccStreamEventList(const char* uri) {
         DSMCC_LoaderRelease(names);
         return nullptr;
     }
-    // One event name per line.
+    // The event names separated by ",", the form listeners match names in;
+    // a name holding "," could not be told apart and is left out.
     std::string list;
     for_each_record(names, length, "stream-event list", [&](const char* name, std::size_t size) {
-        if (!usable_name(name, size, true)) {
+        if (!usable_name(name, size, true) || std::memchr(name, ',', size) != nullptr) {
             AM_WARN("stream-event list %s: unusable event name skipped\n",
                     target.loader_url.c_str());
             return;
         }
+        if (!list.empty()) list.push_back(',');
         list.append(name, size);
-        list.push_back('\n');
     });
     DSMCC_LoaderRelease(names);
     return text_descriptor(eHBBTV_FS_ENTRY_STE_TYPE, list);

@@ -1,14 +1,9 @@
-// Parental-rating objects served from the middleware.
+// Parental-rating objects served from the middleware: rating schemes, the
+// viewer's threshold (also read by the application core before it starts an
+// application) and the middleware's two rating notifications.
+//
+// The functions are exported (app_mgr_broadcast.h). The notifications tell
+// the browser only while the manager is active; nothing here keeps state.
 #pragma once
 
-#include "app_mgr_platform_types.h"
-
-extern "C" {
-
-// The viewer's threshold in a rating scheme, or null. Released with
-// parental_rating_destroy.
-ParentalRating* parental_rating_get_threshold(char* prSchemeName);
-// Null-safe; frees name, region and scheme, then the record.
-void parental_rating_destroy(ParentalRating* rating);
-
-}  // extern "C"
+#include "app_mgr_broadcast.h"

@@ -35,6 +35,20 @@ Fields& Fields::add(std::string_view text) {
     return *this;
 }
 
+void add_channel(Fields& fields, const Channel& channel) {
+    fields.add(static_cast<int>(channel.type))
+        .add(channel.ccid)
+        .add(channel.onid)
+        .add(channel.nid)
+        .add(channel.tsid)
+        .add(channel.sid)
+        .add(channel.name)
+        .add(channel.dsd)
+        .add(channel.TerminalChannel)
+        .add(channel.MajorChannel)
+        .add(channel.idType);
+}
+
 char* next_field(char* text, char* param, std::size_t param_size) {
     if (param == nullptr || param_size == 0) return nullptr;
     param[0] = '\0';

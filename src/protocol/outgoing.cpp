@@ -103,20 +103,6 @@ constexpr std::size_t kFrameBufferSize = 4096;
 
 using Body = appmgr::protocol::Fields;
 
-void add_channel(Body& b, const Channel* c) {
-    b.add(static_cast<int>(c->type));
-    b.add(c->ccid);
-    b.add(c->onid);
-    b.add(c->nid);
-    b.add(c->tsid);
-    b.add(c->sid);
-    b.add(c->name);
-    b.add(c->dsd);
-    b.add(c->TerminalChannel);
-    b.add(c->MajorChannel);
-    b.add(c->idType);
-}
-
 // Adds the fields of `param` as `kind` prescribes. False when a record
 // parameter is missing (nothing can be sent then).
 bool add_fields(Body& b, Param kind, void* param) {
@@ -131,11 +117,13 @@ bool add_fields(Body& b, Param kind, void* param) {
     if (param == nullptr) return false;
     switch (kind) {
         case Param::IntAt: b.add(*static_cast<const int*>(param)); return true;
-        case Param::ChannelRecord: add_channel(b, static_cast<const Channel*>(param)); return true;
+        case Param::ChannelRecord:
+            appmgr::protocol::add_channel(b, *static_cast<const Channel*>(param));
+            return true;
         case Param::ErrorChannelRecord: {
             auto* e = static_cast<const ErrorChannel*>(param);
             b.add(static_cast<int>(e->errorState));
-            if (e->channel != nullptr) add_channel(b, e->channel);
+            if (e->channel != nullptr) appmgr::protocol::add_channel(b, *e->channel);
             return true;
         }
         case Param::ParentalRating: {

@@ -81,6 +81,11 @@ private:
     std::string text_;
 };
 
+// The fields of a channel, in the one order the browser reads channels in
+// (callbacks 60 and 61 and every channel reply): type, ccid, onid, nid,
+// tsid, sid, name, dsd, TerminalChannel, MajorChannel, idType.
+void add_channel(Fields& fields, const Channel& channel);
+
 // Takes the next "|"-terminated field of `text` into `param` (a buffer of
 // `param_size` bytes; longer fields are cut, the result is always
 // terminated). Returns the position after the separator, or nullptr with

@@ -66,6 +66,9 @@ APPMGR_API fpi_zoom_setting_window_t nZoomdisplayWindow;
 // ---- key sets ----
 APPMGR_API KeySet keySet = {0, 0};
 APPMGR_API int activateValue = 0;
+
+// ---- pending stream-event listeners ----
+APPMGR_API StreamEvents streamEventsForSubscription;
 }
 
 namespace appmgr::state {
@@ -520,6 +523,11 @@ int requested_keys() {
 void set_requested_keys(int mask) {
     REQUIRE_LOCK();
     activateValue = mask;
+}
+
+StreamEvents& pending_stream_events() {
+    REQUIRE_LOCK();
+    return streamEventsForSubscription;
 }
 
 }  // namespace appmgr::state

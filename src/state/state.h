@@ -25,6 +25,7 @@
 #include <string>
 
 #include "app_mgr_platform_types.h"
+#include "app_mgr_stream_events.h"
 #include "app_mgr_types.h"
 #include "structs/records.h"
 
@@ -178,5 +179,11 @@ KeySet key_set();
 void set_key_set(KeySet keys);
 int requested_keys();
 void set_requested_keys(int mask);
+
+// The pending stream-event listeners (streamEventsForSubscription): requests
+// for URLs relative to a page that arrived before any page was loaded. Kept
+// under the manager lock so that "no page yet, keep the request" cannot
+// interleave with the browser reporting its page loaded.
+StreamEvents& pending_stream_events();
 
 }  // namespace appmgr::state

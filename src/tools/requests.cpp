@@ -69,8 +69,12 @@ const RequestRow* find_in(std::initializer_list<const RequestTable*> families, i
 const RequestRow* find_request(Mng_ConnectionType_t connection, int id) {
     switch (connection) {
         case MNG_CONNECTION_TYPE_APP: return find_in({&kApplicationMessages}, id);
-        case MNG_CONNECTION_TYPE_H_PUGINS: return find_in({&kSearchRequests, &kBrowserRequests}, id);
-        case MNG_CONNECTION_TYPE_C_PUGINS: return nullptr;
+        case MNG_CONNECTION_TYPE_H_PUGINS:
+            return find_in({&kBroadcastRequests, &kReceiverRequests, &kApplicationControlRequests,
+                            &kSearchRequests, &kComponentRequests, &kMediaRequests,
+                            &kBrowserRequests},
+                           id);
+        case MNG_CONNECTION_TYPE_C_PUGINS: return find_in({&kMediaRequests}, id);
         case MNG_CONNECTION_TYPE_DSMCC: return find_in({&kDsmccRequests}, id);
         default: return nullptr;
     }

@@ -71,6 +71,11 @@ struct RequestTable {
 extern const RequestTable kApplicationMessages;  // "Application": 51-89
 extern const RequestTable kBrowserRequests;      // 401 (User-Agent)
 extern const RequestTable kDsmccRequests;        // "DSMCC": 130-133
+extern const RequestTable kBroadcastRequests;    // 0-47: video object, channels, programmes
+extern const RequestTable kReceiverRequests;     // 9, 41-44, 70-72: rating, configuration
+extern const RequestTable kApplicationControlRequests;  // 50-58, 78
+extern const RequestTable kComponentRequests;    // 106-129: AV components, decoders
+extern const RequestTable kMediaRequests;        // 200-315: media, DRM, DASH
 extern const RequestTable kSearchRequests;       // 90-105, 122-125 (metadata search)
 
 // The row serving `id` on a connection, or null when the connection does not

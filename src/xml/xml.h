@@ -101,6 +101,17 @@ records::AitTablePtr read_ait_document(const char* data, int len, const char* do
 // Logs the fields of an application read from a document.
 void log_application(const Application& app);
 
+// Reads an XML stream-event description: *c_tag receives the value of the
+// first attribute of a "dsmcc_object" element, *event_id the value of the
+// first attribute of the "stream_event" element whose second attribute is
+// `name` (both read with atoi; attributes are taken by position, not by
+// name). Elements are visited depth first in document order, so a later
+// match overwrites an earlier one. An output whose element is missing, and
+// both outputs of a text that is not XML, stay as they were. False when the
+// text is not XML.
+bool read_stream_event_description(const char* data, int len, const char* name, int* event_id,
+                                   int* c_tag);
+
 // ---- transfers (blocking, on the caller's thread) ---------------------------
 
 // HEAD request with the stored User-Agent: true when the server answers and

@@ -71,7 +71,7 @@ TEST_F(CarouselServiceTest, DirectoryListingsAndEventLists) {
     EXPECT_EQ(dir("dir"), "0 page.html\n1 sub\n");
     EXPECT_EQ(dir("dir/"), "0 page.html\n1 sub\n");
     EXPECT_EQ(dir("dir/sub"), "0 deep.txt\n");
-    EXPECT_EQ(events("events"), "go\nstop\n");
+    EXPECT_EQ(events("events"), "go,stop");
 }
 
 TEST_F(CarouselServiceTest, EntryKindsAndModules) {

@@ -70,7 +70,7 @@ TEST_F(DsmccDispatchTest, TextRepliesOfEveryKind) {
     EXPECT_EQ(ask(131, std::string(kBase) + "index.html"), "0|0|18|<html>hello</html>");
     EXPECT_EQ(ask(132, std::string(kBase) + "dir"), "1|0|18|0 page.html\n1 sub\n");
     EXPECT_TRUE(log_.contains("Command CMD_DSMCC_GET_DIR_CONTENT received"));
-    EXPECT_EQ(ask(133, std::string(kBase) + "events"), "2|0|8|go\nstop\n");
+    EXPECT_EQ(ask(133, std::string(kBase) + "events"), "2|0|7|go,stop");
     EXPECT_TRUE(log_.contains("Command CMD_DSMCC_GET_STREAM_EVENT_LIST received"));
     EXPECT_EQ(ask(131, std::string(kBase) + "empty.txt"), "0|0|0|");
 

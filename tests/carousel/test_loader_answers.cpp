@@ -91,8 +91,9 @@ TEST_F(LoaderAnswersTest, UnusableListEntriesAreSkipped) {
                      "0unterminated";
     EXPECT_EQ(payload(hbbGetDsmccDirContent(kUrl)), "0 good\n2 ev\n");
 
-    g_answer.bytes = std::string("a\0\0b c\0x\ny\0z\x7f\0", 14) + "tail";
-    EXPECT_EQ(payload(hbbGetDsmccStreamEventList(kUrl)), "a\nb c\n");
+    // Names with control characters or the list separator "," are left out.
+    g_answer.bytes = std::string("a\0\0b c\0x\ny\0z\x7f\0p,q\0d\0", 20) + "tail";
+    EXPECT_EQ(payload(hbbGetDsmccStreamEventList(kUrl)), "a,b c,d");
     EXPECT_EQ(g_released, 2);
 }
 

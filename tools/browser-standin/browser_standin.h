@@ -98,6 +98,36 @@ const char* commandName(int id);
 // "unknown" for ids the connection does not serve.
 const char* requestName(Connection c, int id);
 
+// ---- decoded replies and callbacks -------------------------------------------
+
+// One field of a decoded reply or callback, named after the record it
+// belongs to ("onid", "language", "data").
+struct NamedField {
+    std::string name;
+    std::string value;
+};
+
+// A reply or callback read field by field according to its id.
+struct Decoded {
+    // What the message is: "channel", "programme", "audio component",
+    // "number", "done" (ACK), "true", "false", "not available", "empty",
+    // "fields" (an id without a known shape), "stream event", ...
+    std::string kind;
+    std::vector<NamedField> fields;
+    // Fields beyond the shape, and text after the last "|" (not a field).
+    std::vector<std::string> extra;
+    std::optional<std::string> trailing;
+};
+
+// Decodes the reply to request `id` on connection c (the bytes up to the
+// terminating zero). Content replies of "DSMCC" (131-133) decode their
+// header; the payload after it shows as `trailing`.
+Decoded decodeReply(Connection c, int id, std::string_view reply);
+// Decodes a command or callback the library sent.
+Decoded decodeFrame(const Frame& frame);
+// One line: kind, then name=value pairs (texts quoted and escaped).
+std::string describe(const Decoded& decoded);
+
 // ---- the client ------------------------------------------------------------
 
 enum class ReadStatus {

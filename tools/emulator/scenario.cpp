@@ -345,8 +345,18 @@ std::string defaultDvbUrl(const ChannelSpec& c) {
     return text;
 }
 
+int channelType(const Reader& r, const std::string& section) {
+    std::optional<std::string> v = r.get(section, "type");
+    if (!v) return 0;
+    const std::string t = lower(*v);
+    if (t == "tv") return 0;
+    if (t == "radio") return 1;
+    if (t == "other") return 2;
+    r.error(section, "type", "'" + *v + "' is not tv, radio or other");
+}
+
 ChannelSpec readChannel(const Reader& r, const std::string& section, const std::string& name) {
-    r.allowOnly(section, {"onid", "tsid", "sid", "name", "dvb_url"});
+    r.allowOnly(section, {"onid", "tsid", "sid", "name", "dvb_url", "type"});
     ChannelSpec c;
     c.name = name;
     c.onid = static_cast<int>(r.required(section, "onid", 0, 0xFFFF));
@@ -355,7 +365,102 @@ ChannelSpec readChannel(const Reader& r, const std::string& section, const std::
     c.label = r.get(section, "name").value_or(name);
     c.dvb_url = r.get(section, "dvb_url").value_or(defaultDvbUrl(c));
     if (c.dvb_url.size() > 255) r.error(section, "dvb_url", "longer than 255 characters");
+    c.type = channelType(r, section);
     return c;
+}
+
+std::string channelOf(const Reader& r, const std::string& section, const Scenario& s) {
+    const std::string channel = lower(r.get(section, "channel").value_or("service"));
+    if (!s.channel(channel))
+        r.error(section, "channel", "no channel '" + channel + "' (service or a [channel.NAME])");
+    return channel;
+}
+
+ProgrammeSpec readProgramme(const Reader& r, const std::string& section, const std::string& name,
+                            const Scenario& s) {
+    r.allowOnly(section, {"channel", "name", "description", "start", "duration", "id",
+                          "long_description", "rating"});
+    ProgrammeSpec p;
+    p.section = name;
+    p.channel = channelOf(r, section, s);
+    p.title = r.get(section, "name").value_or(name);
+    p.description = r.get(section, "description").value_or("");
+    p.start = r.required(section, "start", 0, INT_MAX);
+    p.duration = static_cast<int>(r.required(section, "duration", 0, INT_MAX));
+    p.id = r.get(section, "id").value_or(name);
+    p.long_description = r.get(section, "long_description");
+    if (std::optional<std::string> rating = r.get(section, "rating")) {
+        const std::size_t colon = rating->find(':');
+        std::optional<long> value =
+            colon == std::string::npos ? std::nullopt : number(rating->substr(colon + 1), 0, 255);
+        if (colon == 0 || !value)
+            r.error(section, "rating", "'" + *rating + "' is not SCHEME:VALUE (e.g. dvb-si:9)");
+        p.rating_scheme = rating->substr(0, colon);
+        p.rating_value = static_cast<int>(*value);
+    }
+    return p;
+}
+
+ComponentSpec readComponent(const Reader& r, const std::string& section, const std::string& name,
+                            const Scenario& s) {
+    r.allowOnly(section, {"channel", "kind", "tag", "pid", "encoding", "language", "aspect_ratio",
+                          "audio_channels", "audio_description", "hearing_impaired", "active"});
+    ComponentSpec c;
+    c.section = name;
+    c.channel = channelOf(r, section, s);
+    const std::string kind = lower(r.get(section, "kind").value_or(""));
+    if (kind == "video")
+        c.kind = 0;
+    else if (kind == "audio")
+        c.kind = 1;
+    else if (kind == "subtitle")
+        c.kind = 2;
+    else
+        r.error(section, "kind", "'" + kind + "' is not video, audio or subtitle");
+    c.tag = static_cast<int>(r.required(section, "tag", 0, 0xFF));
+    c.pid = static_cast<int>(r.required(section, "pid", 0, 0x1FFF));
+    c.encoding = r.get(section, "encoding").value_or("");
+    c.language = r.get(section, "language").value_or("");
+    if (std::optional<std::string> a = r.get(section, "aspect_ratio")) {
+        char* end = nullptr;
+        c.aspect_ratio = std::strtod(a->c_str(), &end);
+        if (a->empty() || *end != '\0' || c.aspect_ratio <= 0)
+            r.error(section, "aspect_ratio", "'" + *a + "' is not a positive number (e.g. 1.78)");
+    }
+    c.audio_channels = static_cast<int>(r.integer(section, "audio_channels", 0, 32).value_or(2));
+    c.audio_description = r.flag(section, "audio_description").value_or(false);
+    c.hearing_impaired = r.flag(section, "hearing_impaired").value_or(false);
+    c.active = r.flag(section, "active").value_or(false);
+    return c;
+}
+
+void readReceiver(const Reader& r, const std::string& path, ReceiverSpec& rs) {
+    r.allowOnly("receiver", {"notifications", "capabilities", "decodes", "rating_schemes",
+                             "xml_capabilities", "audio_language", "subtitle_language",
+                             "ui_language", "country", "device_id"});
+    rs.notifications = r.flag("receiver", "notifications").value_or(false);
+    if (std::optional<std::string> c = r.get("receiver", "capabilities")) rs.capabilities = listItems(*c);
+    if (std::optional<std::string> d = r.get("receiver", "decodes")) {
+        std::vector<std::string> two = listItems(*d);
+        std::optional<long> sd = two.size() == 2 ? number(two[0], 0, 16) : std::nullopt;
+        std::optional<long> hd = two.size() == 2 ? number(two[1], 0, 16) : std::nullopt;
+        if (!sd || !hd) r.error("receiver", "decodes", "'" + *d + "' is not SD,HD (e.g. 1,0)");
+        rs.decodes = std::make_pair(static_cast<int>(*sd), static_cast<int>(*hd));
+    }
+    if (std::optional<long> n = r.integer("receiver", "rating_schemes", 0, 64))
+        rs.rating_schemes = static_cast<int>(*n);
+    if (std::optional<std::string> x = r.get("receiver", "xml_capabilities")) {
+        const std::string resolved = resolveAgainst(path, *x);
+        struct stat st {};
+        if (::stat(resolved.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+            r.error("receiver", "xml_capabilities", "'" + *x + "' (" + resolved + ") is not a file");
+        rs.xml_capabilities = resolved;
+    }
+    rs.audio_language = r.get("receiver", "audio_language");
+    rs.subtitle_language = r.get("receiver", "subtitle_language");
+    rs.ui_language = r.get("receiver", "ui_language");
+    rs.country = r.get("receiver", "country");
+    rs.device_id = r.get("receiver", "device_id");
 }
 
 // AIT settings that [service] gives every table and [ait.NAME] may override.
@@ -561,7 +666,7 @@ Scenario build(const Reader& r, const std::string& path) {
 
     // Sections by kind, in file order.
     std::vector<std::pair<std::string, std::string>> channel_sections, app_sections, ait_sections,
-        carousel_sections;
+        carousel_sections, programme_sections, component_sections;
     bool have_service = false;
     for (const auto& sec : layout.sections) {
         const std::string& name = sec.first;
@@ -569,26 +674,29 @@ Scenario build(const Reader& r, const std::string& path) {
         const std::string kind = name.substr(0, dot);
         const std::string suffix = dot == std::string::npos ? "" : name.substr(dot + 1);
         if (dot == std::string::npos && (kind == "scenario" || kind == "service" || kind == "terminal" ||
-                                         kind == "http" || kind == "timeline")) {
+                                         kind == "http" || kind == "timeline" || kind == "receiver")) {
             have_service = have_service || kind == "service";
             continue;
         }
-        if (dot != std::string::npos &&
-            (kind == "channel" || kind == "app" || kind == "ait" || kind == "carousel")) {
+        if (dot != std::string::npos && (kind == "channel" || kind == "app" || kind == "ait" ||
+                                         kind == "carousel" || kind == "programme" ||
+                                         kind == "component")) {
             if (!validName(suffix))
                 r.error(name, "", "the name after '" + kind + ".' may use letters, digits, '_' and '-'");
             if (kind == "channel") channel_sections.emplace_back(name, suffix);
             if (kind == "app") app_sections.emplace_back(name, suffix);
             if (kind == "ait") ait_sections.emplace_back(name, suffix);
             if (kind == "carousel") carousel_sections.emplace_back(name, suffix);
+            if (kind == "programme") programme_sections.emplace_back(name, suffix);
+            if (kind == "component") component_sections.emplace_back(name, suffix);
             continue;
         }
         if (name == "carousel")
             r.error(name, "",
                     "give the component tag in the section name: [carousel.TAG], e.g. [carousel.1]");
         r.error(name, "",
-                "unknown section (known: scenario, service, terminal, http, timeline, "
-                "channel.NAME, app.NAME, ait.NAME, carousel.TAG)");
+                "unknown section (known: scenario, service, terminal, receiver, http, timeline, "
+                "channel.NAME, app.NAME, ait.NAME, carousel.TAG, programme.NAME, component.NAME)");
     }
     if (!have_service)
         throw Failure{r.layout().sections.empty() && layout.keys.empty()
@@ -601,7 +709,7 @@ Scenario build(const Reader& r, const std::string& path) {
         r.integer("scenario", "time_limit", 1, kMaxTimeLimitSeconds).value_or(kDefaultTimeLimitSeconds));
 
     // [service]: the first channel and the defaults of every AIT.
-    const std::vector<std::string> channel_keys{"onid", "tsid", "sid", "name", "dvb_url"};
+    const std::vector<std::string> channel_keys{"onid", "tsid", "sid", "name", "dvb_url", "type"};
     std::vector<std::string> service_keys = channel_keys;
     for (const char* k : {"ait_type", "test", "version"}) service_keys.push_back(k);
     r.allowOnly("service", service_keys);
@@ -614,6 +722,7 @@ Scenario build(const Reader& r, const std::string& path) {
         c.label = r.get("service", "name").value_or("Service");
         c.dvb_url = r.get("service", "dvb_url").value_or(defaultDvbUrl(c));
         if (c.dvb_url.size() > 255) r.error("service", "dvb_url", "longer than 255 characters");
+        c.type = channelType(r, "service");
         s.channels.push_back(c);
     }
     AitDefaults defaults;
@@ -696,6 +805,10 @@ Scenario build(const Reader& r, const std::string& path) {
         c.path = existingDirectory(r, cs.first, "dir", *dir, path);
         s.carousels.push_back(c);
     }
+
+    for (const auto& ps : programme_sections) s.programmes.push_back(readProgramme(r, ps.first, ps.second, s));
+    for (const auto& cs : component_sections) s.components.push_back(readComponent(r, cs.first, cs.second, s));
+    readReceiver(r, path, s.receiver);
 
     readTimeline(r, s);
     s.http.enabled = have_http || usesHttpPlaceholder(s);
@@ -847,8 +960,13 @@ std::string parseExpect(Step& st, const std::string& rest, const Scenario&) {
         st.args = {what, *on ? "1" : "0"};
         return "";
     }
+    if (what == "listening" || what == "not_listening") {
+        if (w.size() != 2) return what + " expects a stream-event URL and an event name";
+        st.args = {what, w[0], w[1]};
+        return "";
+    }
     return "expects running, decision, no_decision, no_frame, state, reply, result, keyset, "
-           "content, remote, loaded or portal";
+           "content, remote, loaded, portal, listening or not_listening";
 }
 
 std::string parsePortal(Step& st, const std::string& rest, const Scenario&) {
@@ -918,6 +1036,49 @@ std::string parseKey(Step& st, const std::string& rest, const Scenario&) {
     return "";
 }
 
+// stream_event URL NAME [error] [PAYLOAD]: the payload is the rest of the
+// value, escapes decoded.
+std::string parseStreamEvent(Step& st, const std::string& rest, const Scenario&) {
+    std::string r = rest;
+    const std::string url = takeWord(r);
+    const std::string name = takeWord(r);
+    if (url.empty() || name.empty()) return "expects a URL and an event name";
+    std::string status = "fire";
+    std::string tail = r;
+    if (lower(takeWord(tail)) == "error") {
+        status = "error";
+        r = tail;
+    }
+    std::string error;
+    std::optional<std::string> payload = unescapeBytes(r, &error);
+    if (!payload) return "payload: " + error;
+    st.args = {url, name, status};
+    st.tail = *payload;
+    return "";
+}
+
+// notify programmes_changed | programme_list_changed | component_changed TYPE
+//        | rating_changed COUNT BLOCKED | rating_error COUNT
+std::string parseNotify(Step& st, const std::string& rest, const Scenario&) {
+    std::vector<std::string> w = words(rest);
+    const std::string what = w.empty() ? "" : lower(w[0]);
+    auto numbers = [&](std::size_t count) {
+        if (w.size() != count + 1) return false;
+        for (std::size_t i = 1; i < w.size(); ++i)
+            if (!number(w[i], 0, 1000)) return false;
+        return true;
+    };
+    const bool ok = ((what == "programmes_changed" || what == "programme_list_changed") && numbers(0)) ||
+                    ((what == "component_changed" || what == "rating_error") && numbers(1)) ||
+                    (what == "rating_changed" && numbers(2));
+    if (!ok)
+        return "expects programmes_changed, programme_list_changed, component_changed TYPE, "
+               "rating_changed COUNT BLOCKED or rating_error COUNT";
+    st.args = {what};
+    for (std::size_t i = 1; i < w.size(); ++i) st.args.push_back(std::to_string(*number(w[i], 0, 1000)));
+    return "";
+}
+
 std::string parseClose(Step& st, const std::string& rest, const Scenario&) {
     if (!trim(rest).empty()) return "takes no arguments";
     st.args.clear();
@@ -942,8 +1103,14 @@ std::vector<StepKind>& registry() {
         {"expect",
          "expect running ORG.APP|none, expect decision|no_decision KIND [ORG.APP], "
          "expect no_frame ID, expect state STATE, expect reply [FIELD|...], expect result N, "
-         "expect keyset MASK, expect content|remote [BYTES], expect loaded URL, expect portal on|off",
+         "expect keyset MASK, expect content|remote [BYTES], expect loaded URL, expect portal on|off, "
+         "expect listening|not_listening URL NAME",
          parseExpect},
+        {"stream_event", "stream_event URL NAME [error] [PAYLOAD]", parseStreamEvent},
+        {"notify",
+         "notify programmes_changed|programme_list_changed|component_changed TYPE|"
+         "rating_changed COUNT BLOCKED|rating_error COUNT",
+         parseNotify},
         {"portal", "portal open URL|close", parsePortal},
         {"teletext", "teletext on|off|NUMBER", parseTeletext},
         {"launch", "launch TYPE URL", parseLaunch},

@@ -15,6 +15,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace appmgr::emu {
@@ -48,6 +49,7 @@ struct ChannelSpec {
     int sid = 0;
     std::string label;    // the channel's name as the receiver lists it
     std::string dvb_url;  // locator given to the AITs of this channel by default
+    int type = 0;         // ChannelType: 0 TV, 1 radio, 2 other
 };
 
 struct RatingSpec {
@@ -113,6 +115,50 @@ struct CarouselSpec {
     std::string path;  // resolved against the scenario's directory
 };
 
+// [programme.NAME]: a programme of a channel's schedule.
+struct ProgrammeSpec {
+    std::string section;  // NAME
+    std::string channel = "service";
+    std::string title;    // the programme's name (NAME by default)
+    std::string description;
+    long start = 0;       // seconds since 1970 (UTC)
+    int duration = 0;     // seconds
+    std::string id;       // programme id (NAME by default)
+    std::optional<std::string> long_description;
+    std::optional<std::string> rating_scheme;  // "dvb-si" of "dvb-si:9"
+    int rating_value = 0;
+};
+
+// [component.NAME]: an AV component of a channel.
+struct ComponentSpec {
+    std::string section;  // NAME
+    std::string channel = "service";
+    int kind = 0;         // AVComponentType: 0 video, 1 audio, 2 subtitle
+    int tag = 0;
+    int pid = 0;
+    std::string encoding;
+    std::string language;  // audio and subtitle
+    double aspect_ratio = 1.78;    // video
+    int audio_channels = 2;        // audio
+    bool audio_description = false;
+    bool hearing_impaired = false;  // subtitle
+    bool active = false;
+};
+
+// [receiver]: what the simulated middleware answers and tells.
+struct ReceiverSpec {
+    // The middleware reports tunes, failed tunes and component selections to
+    // the library from its notifier thread (channelChanged, ...).
+    bool notifications = false;
+    std::vector<std::string> capabilities;
+    std::optional<std::pair<int, int>> decodes;  // extra SD, HD
+    std::optional<int> rating_schemes;
+    std::optional<std::string> xml_capabilities;  // file, resolved
+    // The configuration; set when any key is given (the others keep the
+    // simulator's defaults: eng, eng, GBR, eng, hbb-sim-0001).
+    std::optional<std::string> audio_language, subtitle_language, ui_language, country, device_id;
+};
+
 struct Step {
     std::string key;   // "step3"
     long number = 0;   // 3
@@ -135,6 +181,9 @@ struct Scenario {
     TerminalSpec terminal;
     HttpSpec http;
     std::vector<CarouselSpec> carousels;  // in file order
+    std::vector<ProgrammeSpec> programmes;  // in file order
+    std::vector<ComponentSpec> components;  // in file order
+    ReceiverSpec receiver;
     std::vector<Step> timeline;           // by step number
 
     const ChannelSpec* channel(const std::string& name) const;

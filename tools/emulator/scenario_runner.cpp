@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "app_mgr.h"
+#include "app_mgr_broadcast.h"
 #include "app_mgr_state.h"
 #include "browser_standin.h"
 #include "emu_output.h"
@@ -140,7 +141,7 @@ private:
 struct ChannelRecord {
     ChannelRecord(const ChannelSpec& c, int position)
         : ccid("ccid:" + std::to_string(position + 1)), name(c.label) {
-        rec.type = CHANNEL_TYPE_TV;
+        rec.type = static_cast<ChannelType>(c.type);
         rec.ccid = ccid.data();
         rec.onid = c.onid;
         rec.tsid = c.tsid;
@@ -214,9 +215,12 @@ public:
     void key(const Step& st);
     void close(const Step& st);
     void say(const Step& st);
+    void streamEvent(const Step& st);
+    void notify(const Step& st);
 
 private:
     void setUp();
+    void setUpBroadcast();
     void startUp();
     void decide(const std::string& kind, int org, int app, const std::string& detail);
     void settle();
@@ -256,6 +260,7 @@ const std::map<std::string, RunFn>& runTable() {
         {"portal", &Run::portal},          {"teletext", &Run::teletext},
         {"launch", &Run::launch},          {"keyset", &Run::keyset},
         {"key", &Run::key},                {"say", &Run::say},
+        {"stream_event", &Run::streamEvent}, {"notify", &Run::notify},
     };
     return table;
 }
@@ -403,6 +408,7 @@ void Run::setUp() {
         hbb_sim_set_parental_threshold(*s_.terminal.parental_threshold);
         emit("receiver  parental rating threshold " + std::to_string(*s_.terminal.parental_threshold));
     }
+    setUpBroadcast();
     for (const CarouselSpec& c : s_.carousels) {
         if (hbb_sim_set_carousel(c.tag, c.path.c_str()) != 0)
             fail("the simulator refused directory " + c.path + " as the carousel of tag " +
@@ -602,6 +608,9 @@ void Run::browser(const Step& st) {
         std::optional<std::string> rest;
         std::vector<std::string> rf = splitFields(*last_reply_, &rest);
         emit(col(c) + "<- reply " + fieldList(rf, rest));
+        // Records are shown field by field as well.
+        const Decoded decoded = decodeReply(c, id, *last_reply_);
+        if (decoded.fields.size() > 1) emit(col(c) + "   = " + standin::describe(decoded));
     }
 }
 
@@ -752,6 +761,18 @@ void Run::expect(const Step& st) {
             fail(std::string("portal mode is ") + (got ? "on" : "off") + ", expected " +
                  (want ? "on" : "off"));
         emit(std::string("check     portal mode ") + (want ? "on" : "off"));
+    } else if (what == "listening" || what == "not_listening") {
+        const std::string url = expand(st.args.at(1));
+        const bool want = what == "listening";
+        int tag = -1, id = -1;
+        const bool got = hbb_sim_stream_event_subscribed(url.c_str(), st.args.at(2).c_str(), &tag, &id) == 1;
+        if (got != want)
+            fail(std::string("the library ") + (got ? "listens" : "does not listen") + " for " +
+                 st.args.at(2) + " of " + url);
+        emit("check     " + std::string(want ? "listening for " : "not listening for ") + st.args.at(2) +
+             " of " + url + (got && tag >= 0 ? " (component tag " + std::to_string(tag) + ", event id " +
+                                                   std::to_string(id) + ")"
+                                             : ""));
     } else if (what == "reply") {
         if (!last_reply_) fail("no reply was received by an earlier browser step");
         std::optional<std::string> rest;
@@ -767,6 +788,122 @@ void Run::expect(const Step& st) {
 void Run::callResult(int result) {
     libraryResult(result);
     last_result_ = result;
+}
+
+// Programmes, components and the receiver's answers, and the library's
+// notification entry points when the scenario wants the middleware to report
+// tunes and changes itself.
+void Run::setUpBroadcast() {
+    for (const ProgrammeSpec& p : s_.programmes) {
+        Programme rec{};
+        rec.name = const_cast<char*>(p.title.c_str());
+        rec.description = const_cast<char*>(p.description.c_str());
+        rec.startTime = static_cast<int>(p.start);
+        rec.duration = p.duration;
+        rec.programmeID = const_cast<char*>(p.id.c_str());
+        rec.programmeIDType = PROGRAMME_ID_DVB_EVENT;
+        rec.longDescription = p.long_description ? const_cast<char*>(p.long_description->c_str()) : nullptr;
+        const std::string value = std::to_string(p.rating_value);
+        const std::string scheme = p.rating_scheme.value_or("");
+        ParentalRating rating{const_cast<char*>(value.c_str()), const_cast<char*>(scheme.c_str()),
+                              p.rating_value, 0, nullptr};
+        if (p.rating_scheme) rec.parentalRatings = &rating;
+        if (hbb_sim_add_programme(s_.channelIndex(p.channel), &rec) < 0)
+            fail("the simulator refused programme " + p.section);
+        emit("receiver  programme \"" + p.title + "\" on " + p.channel + " at " + std::to_string(p.start) +
+             " for " + std::to_string(p.duration) + " s");
+    }
+    static const char* const kKinds[] = {"video", "audio", "subtitle"};
+    for (const ComponentSpec& c : s_.components) {
+        AVComponent inner{static_cast<AVComponentType>(c.kind), const_cast<char*>(c.encoding.c_str()), 0,
+                          c.tag, c.pid};
+        char* language = const_cast<char*>(c.language.c_str());
+        const int position = s_.channelIndex(c.channel);
+        int index = -1;
+        if (c.kind == 0) {
+            AVVideoComponent v{&inner, c.aspect_ratio};
+            index = hbb_sim_add_video_component(position, &v, c.active);
+        } else if (c.kind == 1) {
+            AVAudioComponent a{&inner, language, c.audio_description ? 1 : 0, c.audio_channels};
+            index = hbb_sim_add_audio_component(position, &a, c.active);
+        } else {
+            AVSubtitleComponent t{&inner, language, c.hearing_impaired ? 1 : 0};
+            index = hbb_sim_add_subtitle_component(position, &t, c.active);
+        }
+        if (index < 0) fail("the simulator refused component " + c.section);
+        emit("receiver  " + std::string(kKinds[c.kind]) + " component " + c.section + " on " + c.channel +
+             ": tag " + std::to_string(c.tag) + ", pid " + std::to_string(c.pid) +
+             (c.language.empty() ? "" : ", " + c.language) + (c.active ? ", active" : ""));
+    }
+    const ReceiverSpec& r = s_.receiver;
+    for (const std::string& name : r.capabilities) hbb_sim_set_capability(name.c_str(), 1);
+    if (r.decodes) hbb_sim_set_video_decodes(r.decodes->first, r.decodes->second);
+    if (r.rating_schemes) hbb_sim_set_parental_rating_schemes(*r.rating_schemes);
+    if (r.xml_capabilities) {
+        std::FILE* in = std::fopen(r.xml_capabilities->c_str(), "rb");
+        if (!in) fail("cannot read " + *r.xml_capabilities);
+        std::string document;
+        char chunk[4096];
+        for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, in)) > 0;) document.append(chunk, n);
+        std::fclose(in);
+        hbb_sim_set_xml_capabilities(document.c_str());
+    }
+    if (r.audio_language || r.subtitle_language || r.ui_language || r.country || r.device_id) {
+        const std::string audio = r.audio_language.value_or("eng");
+        const std::string subtitle = r.subtitle_language.value_or("eng");
+        const std::string ui = r.ui_language.value_or("eng");
+        const std::string country = r.country.value_or("GBR");
+        const std::string device = r.device_id.value_or("hbb-sim-0001");
+        Configuration config{};
+        config.preferredAudioLanguage = const_cast<char*>(audio.c_str());
+        config.preferredSubtitleLanguage = const_cast<char*>(subtitle.c_str());
+        config.preferredUILanguage = const_cast<char*>(ui.c_str());
+        config.countryID = const_cast<char*>(country.c_str());
+        config.DeviceId = const_cast<char*>(device.c_str());
+        hbb_sim_set_configuration(&config);
+    }
+    if (r.notifications) {
+        hbb_sim_listeners listeners{};
+        listeners.channel_changed = channelChanged;
+        listeners.channel_change_error = channelChangeError;
+        listeners.programmes_list_changed = programmesListChanged;
+        listeners.programmes_changed = programmesChanged;
+        listeners.selected_component_changed = selectedComponentChanged;
+        listeners.component_changed = componentChanged;
+        listeners.parental_rating_changed = parentalRatingChanged;
+        listeners.parental_rating_error = parentalRatingError;
+        hbb_sim_set_listeners(&listeners);
+        emit("receiver  reports tunes and broadcast changes to the library from its notifier thread");
+    }
+}
+
+void Run::streamEvent(const Step& st) {
+    const std::string url = expand(st.args.at(0));
+    const std::string& name = st.args.at(1);
+    const bool error = st.args.at(2) == "error";
+    const std::string payload = st.tail.value_or("");
+    emit("receiver  stream event " + name + " of " + url +
+         (error ? ": error" : ": fired with " + std::to_string(payload.size()) + " bytes \"" +
+                                  escapeBytes(payload) + "\""));
+    const int reached = hbb_sim_fire_stream_event(url.c_str(), name.c_str(),
+                                                  error ? eQUMAm_DSMCC_EVENT_ERROR : eQUMAm_DSMCC_EVENT_FIRE,
+                                                  payload.data(), static_cast<int>(payload.size()));
+    if (reached == 0) fail("nothing listens for " + name + " of " + url);
+    if (hbb_sim_wait_notifications(kWaitMs) != 0) fail("the stream event was not delivered in time");
+}
+
+void Run::notify(const Step& st) {
+    const std::string& what = st.args.at(0);
+    auto arg = [&](std::size_t i) { return std::stoi(st.args.at(i)); };
+    int posted = -1;
+    if (what == "programmes_changed") posted = hbb_sim_fire_programmes_changed();
+    if (what == "programme_list_changed") posted = hbb_sim_fire_programmes_list_changed();
+    if (what == "component_changed") posted = hbb_sim_fire_component_changed(arg(1));
+    if (what == "rating_changed") posted = hbb_sim_fire_parental_rating_changed(arg(1), arg(2));
+    if (what == "rating_error") posted = hbb_sim_fire_parental_rating_error(arg(1));
+    if (posted != 0) fail("the receiver does not report changes ([receiver] notifications = yes)");
+    emit("receiver  notifies " + what);
+    if (hbb_sim_wait_notifications(kWaitMs) != 0) fail("the notification was not delivered in time");
 }
 
 void Run::portal(const Step& st) {

@@ -28,9 +28,11 @@ int hbb_sim_call_count(const char* function);
  * (always terminated, cut to buf_size - 1 characters). Returns the length of
  * the full details text, or -1 when the function was not called. */
 int hbb_sim_last_call(const char* function, char* buf, int buf_size);
-/* Forgets recorded calls, registered callbacks and channels, and puts every
- * other simulated state (display, keys, decoders, video window, settable
- * answers) back to its start value. Log settings and hooks stay. */
+/* Forgets recorded calls, registered callbacks and listeners, channels,
+ * programmes, components and stream-event subscriptions, drops the
+ * notifications not yet delivered (stopping the notifier thread), and puts
+ * every other simulated state (display, keys, decoders, video window,
+ * settable answers) back to its start value. Log settings and hooks stay. */
 void hbb_sim_reset(void);
 
 /* ---- logging -------------------------------------------------------------
@@ -220,6 +222,129 @@ void hbb_sim_set_exit_key_handled(int handled);
 /* The value of the threshold hbbGetCurrentParentalRatingThreshold hands out
  * for every scheme (start: 16, which blocks no DVB-SI rating). */
 void hbb_sim_set_parental_threshold(int value);
+
+/* ---- broadcast notifications -------------------------------------------------
+ * The library's notification entry points, registered by the host (the
+ * simulator does not link to the library; a receiver's middleware calls
+ * them directly). With an entry registered, the simulator calls it the way
+ * a middleware does: on a notifier thread of its own, in the order the
+ * notifications arose, never inside a porting call. Unregistered entries
+ * are skipped.
+ * - channel_changed: after hbbSetChannel, hbbNextChannel or
+ *   hbbPreviousChannel made a channel current (after the tune hook);
+ * - channel_change_error: for a tune that hbb_sim_fail_next_tune set to
+ *   fail;
+ * - selected_component_changed: after a component was selected or
+ *   unselected;
+ * - the others when fired below.
+ * The fire calls return 0 when the entry is registered (the call is then
+ * posted), -1 otherwise. */
+typedef struct hbb_sim_listeners {
+    void (*channel_changed)(Channel* channel);
+    void (*channel_change_error)(ChannelChangeError error, Channel* channel);
+    void (*programmes_list_changed)(void);
+    void (*programmes_changed)(void);
+    void (*selected_component_changed)(int component_type);
+    void (*component_changed)(int component_type);
+    void (*parental_rating_changed)(ParentalRatingCollection* ratings, int blocked);
+    void (*parental_rating_error)(ParentalRatingCollection* ratings);
+} hbb_sim_listeners;
+/* Registers the entries (copied); NULL unregisters all of them. */
+void hbb_sim_set_listeners(const hbb_sim_listeners* listeners);
+/* Waits until every notification posted so far has been delivered: 0, or -1
+ * after timeout_ms. Must not be called while holding a lock the library's
+ * notification entry points take (the AIT guard). */
+int hbb_sim_wait_notifications(int timeout_ms);
+/* The next hbbSetChannel that finds its channel is accepted (0) but fails:
+ * the current channel stays and channel_change_error(error, the channel
+ * asked for) is delivered instead of channel_changed. */
+void hbb_sim_fail_next_tune(ChannelChangeError error);
+int hbb_sim_fire_programmes_list_changed(void);
+int hbb_sim_fire_programmes_changed(void);
+int hbb_sim_fire_component_changed(int component_type);
+/* The collection handed over carries only the number of ratings. */
+int hbb_sim_fire_parental_rating_changed(int ratings, int blocked);
+int hbb_sim_fire_parental_rating_error(int ratings);
+
+/* ---- programmes -----------------------------------------------------------------
+ * Programmes of a channel (given by its position in the channel list; they
+ * stay with the channel's triplet), in the order added: hbbGetProgrammeList
+ * counts those of the current channel and hbbGetProgrammeItem hands them
+ * out (fresh; channelID is the channel's ccid; longDescription stays the
+ * simulator's). hbbGetProgrammeLongDescription finds a programme by the
+ * channel's ccid and its programmeID. */
+
+/* Copies a programme in (texts and the rating). Its index among the
+ * channel's programmes, or -1 for a position outside the list. */
+int hbb_sim_add_programme(int channel_position, const Programme* programme);
+/* An SI descriptor of an event (ccid, programme id) as hexadecimal text, for
+ * hbbGetSIDescriptorsLength / hbbGetSIDescriptorsItem (a tag extension or
+ * private data specifier of -1 in a query matches any). 0, or -1 for a null
+ * text. */
+int hbb_sim_add_si_descriptor(const char* ccid, const char* event_id, int tag, int tag_extension,
+                              int private_data_specifier, const char* hex);
+/* Forgets every programme and SI descriptor. */
+void hbb_sim_clear_programmes(void);
+
+/* ---- AV components -----------------------------------------------------------------
+ * Video, audio and subtitle components of a channel (by position; they stay
+ * with its triplet), each active or not. Both component families of the
+ * porting layer (hbb* and hbbtv*) serve them: lengths and items count the
+ * current channel's components of a type (all / active; items are fresh),
+ * selecting a component (matched by componentTag and pid) makes it the one
+ * active component of its type, unselecting deactivates it, the by-type
+ * calls select the first / unselect every component of the type; a
+ * selection that matches nothing answers -1. hbbtvCreateAV*Component adds
+ * an inactive component to the current channel and answers its index. */
+int hbb_sim_add_video_component(int channel_position, const AVVideoComponent* component,
+                                int active);
+int hbb_sim_add_audio_component(int channel_position, const AVAudioComponent* component,
+                                int active);
+int hbb_sim_add_subtitle_component(int channel_position, const AVSubtitleComponent* component,
+                                   int active);
+/* Forgets every component. */
+void hbb_sim_clear_components(void);
+
+/* ---- receiver settings ---------------------------------------------------------------- */
+
+/* Number of parental-rating schemes hbbGetParentalRatingSchemes reports
+ * (start: 0, no scheme list). */
+void hbb_sim_set_parental_rating_schemes(int count);
+/* A named capability for hbbHasCapability (start: none). */
+void hbb_sim_set_capability(const char* name, int has);
+/* hbbGetVideoDecodes' answer (start: 0, 0); a negative count makes it null. */
+void hbb_sim_set_video_decodes(int extra_sd, int extra_hd);
+/* hbbGetXmlCapabilities' document (copied); NULL makes it null. The start
+ * value is a minimal HD profile list. */
+void hbb_sim_set_xml_capabilities(const char* document);
+/* hbbGetConfiguration's answer (copied, DeviceId included); NULL makes it
+ * null. The start value is an English receiver in the United Kingdom. */
+void hbb_sim_set_configuration(const Configuration* configuration);
+
+/* ---- stream events ------------------------------------------------------------------------
+ * QUMA_StreamEventsSubscribe and QUMA_StreamEventsWOCSubscribe record a
+ * subscription (name, URL, callback; component tag and event id for the
+ * second) and answer the settable result (start 0); the unsubscribe calls
+ * remove a matching one (the WOC kind matched on tag, name, URL and the low
+ * 8 bits of the event id): 0, or -1 when none matched. */
+void hbb_sim_set_stream_event_subscribe_result(int result);
+/* Number of subscriptions recorded now. */
+int hbb_sim_stream_event_subscriptions(void);
+/* 1 when a subscription for this URL and event name exists (either kind),
+ * else 0; component_tag / event_id (may be null) receive a WOC
+ * subscription's values (-1 for the other kind). */
+int hbb_sim_stream_event_subscribed(const char* url, const char* name, int* component_tag,
+                                    int* event_id);
+/* Fires an event (status: a tQUMAm_DSMCC_StreamEventStatus value, or any
+ * other number) at every subscription for this URL and name: its callback
+ * gets the event name, the URL as event path and a copy of the payload, on
+ * the notifier thread. Returns the number of subscriptions reached. */
+int hbb_sim_fire_stream_event(const char* url, const char* name, int status, const void* payload,
+                              int length);
+/* The same for events as the broadcast identifies them: every WOC
+ * subscription with this component tag and event id. */
+int hbb_sim_fire_stream_event_by_id(int component_tag, int event_id, int status,
+                                    const void* payload, int length);
 
 #ifdef __cplusplus
 }
