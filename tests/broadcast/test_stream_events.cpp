@@ -283,7 +283,7 @@ TEST_F(StreamEventTest, CapturedEventsReachTheListener) {
     const std::string url = http.url("/streamevent/sevent.php?ctag=19");
     ASSERT_EQ(ask(Connection::DtvPlugins, 46, {url, "testevent"}), "0|");
 
-    const std::string ts = read_file(dir + "imuxcfg_tsfiles_sevent.ts");
+    const std::string ts = read_file(dir + "imuxcfg_tsfiles_sevent.m2ts");
     ASSERT_EQ(ts.size(), 277488u);
     std::vector<CapturedStreamEvent> distinct;
     for (const std::string& section : sections_of_pid(ts, 0x138F))
