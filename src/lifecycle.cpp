@@ -8,6 +8,7 @@
 
 #include "ait/ait.h"
 #include "app_mgr.h"
+#include "app_mgr_stream_events.h"
 #include "common/log.h"
 #include "common/seams.h"
 #include "connection/connection.h"
@@ -42,6 +43,7 @@ int first_start() {
     AM_INFO("Application manager initialization...");
     if (initializeEPGExternal() == 0) state::set_epg_initialized(true);
     init_current_ait();
+    initializeStreamEventsUtil();
     connection::set_browser_lost_handler(core::on_browser_crashed);
     if (!g_messaging_up) {
         if (tools_msg_init(&connection::connections(), 0, nullptr) != RET_OK) {
@@ -110,6 +112,7 @@ int close() {
     close_messaging();
     state::set_browser_running(false);
     clear_current_ait();
+    deinitializeStreamEventsUtil();
     if (state::epg_initialized()) {
         deinitializeEPGExternal();
         state::set_epg_initialized(false);
