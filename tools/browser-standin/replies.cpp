@@ -28,6 +28,9 @@ const Names kRating = {"name", "scheme", "value", "labels", "region"};
 const Names kProgramme = {"name",          "description",     "startTime", "duration",
                           "channelID",     "programmeID",     "programmeIDType",
                           "longDescription", "ratings"};
+// A search result item: a short programme without its rating.
+const Names kSearchItem = {"name", "programmeID", "programmeIDType", "startTime", "duration",
+                           "channelID"};
 const Names kConfiguration = {"preferredAudioLanguage", "preferredSubtitleLanguage", "countryID",
                               "preferredUILanguage",    "subtitlesEnabled",
                               "timeShiftSynchronized",  "deviceId",
@@ -44,6 +47,7 @@ const Shape* replyShape(Connection c, int id) {
     static const Shape result{"result", {"result"}};
     static const Shape rating{"parental rating", kRating};
     static const Shape programme{"programme", kProgramme};
+    static const Shape search_item{"search item", kSearchItem};
     static const Shape configuration{"configuration", kConfiguration};
     static const Shape decodes{"decodes", {"extraSDVideoDecodes", "extraHDVideoDecodes"}};
     static const Shape document{"document", {"text"}};
@@ -63,7 +67,8 @@ const Shape* replyShape(Connection c, int id) {
             return &number;
         case 41: return &rating;
         case 42: return &configuration;
-        case 45: case 99: return &programme;
+        case 45: return &programme;
+        case 99: return &search_item;
         case 57: return &info;
         case 71: return &decodes;
         case 72: case 401: case 100: case 102: case 104: case 105: return &document;
@@ -173,7 +178,7 @@ Decoded decodeReply(Connection c, int id, std::string_view reply) {
         d.extra = fields;
         return d;
     }
-    if (id == 45 || id == 99)
+    if (id == 45)
         name_programme(d, fields);
     else
         name_fields(d, shape->names, fields);

@@ -436,7 +436,7 @@ ComponentSpec readComponent(const Reader& r, const std::string& section, const s
 
 void readReceiver(const Reader& r, const std::string& path, ReceiverSpec& rs) {
     r.allowOnly("receiver", {"notifications", "capabilities", "decodes", "rating_schemes",
-                             "xml_capabilities", "audio_language", "subtitle_language",
+                             "xml_capabilities", "eit", "audio_language", "subtitle_language",
                              "ui_language", "country", "device_id"});
     rs.notifications = r.flag("receiver", "notifications").value_or(false);
     if (std::optional<std::string> c = r.get("receiver", "capabilities")) rs.capabilities = listItems(*c);
@@ -455,6 +455,13 @@ void readReceiver(const Reader& r, const std::string& path, ReceiverSpec& rs) {
         if (::stat(resolved.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
             r.error("receiver", "xml_capabilities", "'" + *x + "' (" + resolved + ") is not a file");
         rs.xml_capabilities = resolved;
+    }
+    if (std::optional<std::string> e = r.get("receiver", "eit")) {
+        const std::string resolved = resolveAgainst(path, *e);
+        struct stat st;
+        if (::stat(resolved.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+            r.error("receiver", "eit", "'" + *e + "' (" + resolved + ") is not a file");
+        rs.eit = resolved;
     }
     rs.audio_language = r.get("receiver", "audio_language");
     rs.subtitle_language = r.get("receiver", "subtitle_language");

@@ -154,6 +154,9 @@ struct ReceiverSpec {
     std::optional<std::pair<int, int>> decodes;  // extra SD, HD
     std::optional<int> rating_schemes;
     std::optional<std::string> xml_capabilities;  // file, resolved
+    // A file of EIT lines ("service ONID TSID SID", "event ..."; see
+    // docs/epg.md) loaded into the simulated EIT cache; resolved.
+    std::optional<std::string> eit;
     // The configuration; set when any key is given (the others keep the
     // simulator's defaults: eng, eng, GBR, eng, hbb-sim-0001).
     std::optional<std::string> audio_language, subtitle_language, ui_language, country, device_id;

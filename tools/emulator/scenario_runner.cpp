@@ -794,6 +794,18 @@ void Run::callResult(int result) {
 // notification entry points when the scenario wants the middleware to report
 // tunes and changes itself.
 void Run::setUpBroadcast() {
+    if (s_.receiver.eit) {
+        hbb_sim_eit_clear();
+        // Searches walk the cache event by event: those calls are not shown.
+        hbb_sim_eit_trace_event_calls(0);
+        int bad_line = 0;
+        if (hbb_sim_eit_load_file(s_.receiver.eit->c_str(), &bad_line) < 0)
+            fail("the EIT file " + *s_.receiver.eit + " is not valid at line " +
+                 std::to_string(bad_line));
+        emit("receiver  EIT cache: " + std::to_string(hbb_sim_eit_service_count()) +
+             " services, " + std::to_string(hbb_sim_eit_event_count()) + " events from " +
+             *s_.receiver.eit);
+    }
     for (const ProgrammeSpec& p : s_.programmes) {
         Programme rec{};
         rec.name = const_cast<char*>(p.title.c_str());
