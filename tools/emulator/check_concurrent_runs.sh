@@ -39,7 +39,18 @@ done
 sandboxed=$(
   unshare --user --map-root-user --mount --net bash -c '
     set -u
+    # A build tree under /tmp (a checkout there) stays reachable: its top
+    # /tmp entry is bound into the fresh /tmp through a stash outside it.
+    keep=""
+    case $1 in
+      /tmp/*) top=/tmp/$(echo "${1#/tmp/}" | cut -d/ -f1)
+              keep=$(mktemp -d /dev/shm/appmgr-keep.XXXXXX) || exit 98
+              mount --bind "$top" "$keep" || exit 98;;
+    esac
     mount -t tmpfs tmpfs /tmp || exit 99
+    if [ -n "$keep" ]; then
+      mkdir -p "$top" && mount --bind "$keep" "$top" && umount "$keep" && rmdir "$keep" || exit 98
+    fi
     printf "[service]\nonid = 1\ntsid = 2\nsid = 3\n[timeline]\nstep1 = wait 1500\nstep2 = key 1\n" >/tmp/hold.ini
     exec 3< <("$1" --shared-tmp --scenario /tmp/hold.ini 2>&1)
     held=no
