@@ -343,6 +343,17 @@ void search_status_notify(int searchID, int searchStatus, int offset, int length
     protocol::send(protocol::Command::SearchStatus, &event);
 }
 
+void displayEventInformation(int eitHandle) {
+    tEIT_DVB_HbbTVDescriptor event{};
+    if (EIT_DVB_GetEventDataNonLock(eitHandle, &event) != 0) {
+        AM_INFO("No event under the cursor of EIT client %d", eitHandle);
+        return;
+    }
+    AM_INFO("Event name: %s", event.eitName != nullptr ? event.eitName : "(null)");
+    AM_INFO("Event description: %s",
+            event.eitDescription != nullptr ? event.eitDescription : "(null)");
+}
+
 void dump_query(const Query& query) {
     AM_INFO("\n\n");
     AM_INFO("---------------------------------");

@@ -28,6 +28,11 @@ bool fill_result(tEIT_DVB_HbbTVDescriptor& event, sSearchTaskResultsData& result
 void search_status_notify(int searchID, int searchStatus, int offset, int length,
                           int eventsFound);
 
+// Logs the name and short description of the event under a cache client's
+// cursor (the caller holds the cache lock); a debugging aid the scans do not
+// call.
+void displayEventInformation(int eitHandle);
+
 // Logs a query, group by group.
 void dump_query(const Query& query);
 

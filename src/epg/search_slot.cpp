@@ -32,6 +32,16 @@ void SearchSlot::stop_current_search() {
     should_run_ = false;
 }
 
+bool SearchSlot::stopProccesing() {
+    stop_current_search();
+    return true;
+}
+
+bool SearchSlot::checkSearchCompletetion() {
+    std::lock_guard<std::mutex> lock(guard_);
+    return search_complete_;
+}
+
 void SearchSlot::mark_started() {
     std::lock_guard<std::mutex> lock(guard_);
     should_run_ = true;

@@ -59,6 +59,12 @@ public:
     // scan does not clear it).
     bool is_searching();
     void stop_current_search();
+    // stopProccesing: the same stop, answering whether it was made. Kept
+    // for the interface; the library stops scans with stop_current_search.
+    bool stopProccesing();
+    // checkSearchCompletetion: the completion flag, which a start clears and
+    // nothing sets (a finished scan is told to the browser instead).
+    bool checkSearchCompletetion();
     // A start was asked for: scan wanted, not complete.
     void mark_started();
     void update_result_state(int found_events);

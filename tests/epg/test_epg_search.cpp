@@ -5,7 +5,9 @@
 
 #include <climits>
 
+#include "epg/eit_scan.h"
 #include "epg_test_support.h"
+#include "hbb_platform.h"
 
 namespace appmgr::test {
 namespace {
@@ -285,6 +287,28 @@ TEST_F(Search, PlatformFailuresEndTheScanQuietly) {
     // None of them notified the browser: the next frame is the next scan's.
     EXPECT_EQ(run(1, 5, 0, 10), (Status{5, 0, 0, 3, 3}));
     EXPECT_EQ(hbb_sim_eit_cache_locked(), 0);
+}
+
+// The debugging aids of the interface: nothing in the scans calls them.
+TEST_F(Search, DebuggingAidsReadWhatTheyName) {
+    const int handle = EIT_DVB_ClientRegister();
+    ASSERT_GE(handle, 0);
+    ASSERT_NE(EIT_DVB_GetFirstServiceCache(handle), 0);
+    EIT_DVB_LockCache();
+    ASSERT_NE(EIT_DVB_GetFirstEventFromCacheNonLock(handle), 0);
+    epg::displayEventInformation(handle);
+    EIT_DVB_UnlockCache();
+    EIT_DVB_ClientUnregister(handle);
+    // The first event of the first service, as the cache gives it out.
+    EXPECT_TRUE(log_.contains("Event name: Morning News"));
+    EXPECT_TRUE(log_.contains("Event description: "));
+
+    epg::SearchSlot slot;
+    slot.mark_started();
+    EXPECT_FALSE(slot.checkSearchCompletetion());
+    EXPECT_TRUE(slot.is_searching());
+    EXPECT_TRUE(slot.stopProccesing());
+    EXPECT_FALSE(slot.is_searching());
 }
 
 }  // namespace
