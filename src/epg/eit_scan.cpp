@@ -263,6 +263,8 @@ bool search_for_events(SearchSlot& slot, const ScanInput& input) {
         have = services.next();
     }
     if (!finish_scan(slot, client)) return false;
+    // The statistics block of a full scan goes to the log twice in a row,
+    // as the receiver's log readers know it.
     log_statistics(slot, stats);
     log_statistics(slot, stats);
     return true;
