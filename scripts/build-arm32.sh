@@ -81,9 +81,14 @@ else
   debs=$build/armhf-debs
   mkdir -p "$debs"
   # Exact file names (name_version_arch.deb) tell whether the sysroot is
-  # up to date.
-  mapfile -t wanted < <(cd "$debs" && apt-get download --print-uris "${closure[@]}" |
+  # up to date. (apt-get download leaves out files that are already in the
+  # directory it runs in, so it is asked from an empty one.)
+  empty=$(mktemp -d)
+  mapfile -t wanted < <(cd "$empty" && apt-get download --print-uris "${closure[@]}" |
                         awk '{print $2}' | sort)
+  rmdir "$empty"
+  [ ${#wanted[@]} -eq ${#closure[@]} ] ||
+    { echo "build-arm32: apt names ${#wanted[@]} files for ${#closure[@]} armhf packages"; exit 1; }
   if [ ! -f "$sysroot/.packages" ] || ! diff -q <(printf '%s\n' "${wanted[@]}") "$sysroot/.packages" >/dev/null; then
     echo "build-arm32: making $sysroot from ${#wanted[@]} Debian armhf packages"
     need=()
