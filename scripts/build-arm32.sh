@@ -43,7 +43,7 @@ apt_update() {
 }
 
 # ---- 1. host tools -------------------------------------------------------------
-host_packages=(cmake ninja-build pkg-config g++-$triplet binutils-$triplet qemu-user
+host_packages=(cmake ninja-build pkg-config "g++-$triplet" "binutils-$triplet" qemu-user
                qemu-user-binfmt openssl util-linux)
 missing=()
 for p in "${host_packages[@]}"; do installed "$p" || missing+=("$p"); done
