@@ -13,6 +13,7 @@
 
 #include "ait_builder.h"
 #include "app_mgr.h"
+#include "app_mgr_state.h"
 #include "browser_standin.h"
 #include "common/seams.h"
 #include "ait/ait.h"

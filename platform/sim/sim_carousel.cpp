@@ -30,6 +30,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -252,11 +253,21 @@ DSMCC_LoaderResult list_directory(const std::string& root, const std::string& di
     DIR* handle = ::opendir(dir.c_str());
     if (handle == nullptr) return DSMCC_LOADER_ERROR;
     std::vector<std::string> names;
-    while (dirent* d = ::readdir(handle)) {
+    // readdir() tells the end of the directory from a failure only by errno:
+    // a directory that cannot be read is an error, not an empty listing.
+    bool read_failed = false;
+    for (;;) {
+        errno = 0;
+        const dirent* d = ::readdir(handle);
+        if (d == nullptr) {
+            read_failed = errno != 0;
+            break;
+        }
         const std::string name = d->d_name;
         if (name != "." && name != "..") names.push_back(name);
     }
     ::closedir(handle);
+    if (read_failed) return DSMCC_LOADER_ERROR;
     std::sort(names.begin(), names.end());
 
     std::vector<std::pair<std::string, char>> entries;

@@ -17,12 +17,15 @@
 # Inputs (environment): APPMGR_BUILD_DIR, APPMGR_CONFIG, APPMGR_LIBDIR,
 # APPMGR_INCLUDEDIR, APPMGR_PLATFORM_LIB, APPMGR_CONSUMER_FLAGS (instrumentation
 # the build uses: the programs need the same), APPMGR_CONSUMER_LINK_FLAGS (for
-# linking only), CC, CMAKE, CMAKE_GENERATOR, CMAKE_MAKE_PROGRAM, PKG_CONFIG.
+# linking only), APPMGR_EMULATOR (the command that runs the target's
+# programs in a cross build, empty otherwise), CC, CMAKE, CMAKE_GENERATOR,
+# CMAKE_MAKE_PROGRAM, PKG_CONFIG.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 read -r -a flags <<<"${APPMGR_CONSUMER_FLAGS:-}"
 read -r -a link_flags <<<"${APPMGR_CONSUMER_LINK_FLAGS:-}"
+read -r -a emulator <<<"${APPMGR_EMULATOR:-}"
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 # Runs a command quietly; shows its output when it fails.
@@ -99,7 +102,7 @@ quiet "$CC" -std=c99 -Wall -Wextra -Werror "${flags[@]}" "${pc_cflags[@]}" \
   "$here/consumer/consumer.c" -o "$work/consumer-pc" "${link_flags[@]}" \
   "${pc_libs[@]}" "$APPMGR_PLATFORM_LIB" -Wl,-rpath,"$libdir" -Wl,-rpath,"$platform_dir"
 echo "program built with pkg-config:"
-"$work/consumer-pc" "$libdir" || fail "the pkg-config program failed"
+"${emulator[@]}" "$work/consumer-pc" "$libdir" || fail "the pkg-config program failed"
 
 # ---- a CMake project using find_package -------------------------------------
 quiet "$CMAKE" -S "$here/consumer" -B "$work/cmake-consumer" -G "$CMAKE_GENERATOR" \
@@ -110,4 +113,4 @@ quiet "$CMAKE" -S "$here/consumer" -B "$work/cmake-consumer" -G "$CMAKE_GENERATO
   "-DAPPMGR_PLATFORM_LIB=$APPMGR_PLATFORM_LIB"
 quiet "$CMAKE" --build "$work/cmake-consumer"
 echo "program built with find_package:"
-"$work/cmake-consumer/consumer" "$libdir" || fail "the find_package program failed"
+"${emulator[@]}" "$work/cmake-consumer/consumer" "$libdir" || fail "the find_package program failed"
