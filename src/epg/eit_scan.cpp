@@ -145,6 +145,38 @@ char* heap_copy(const char* text) {
     return copy;
 }
 
+void release_descriptions(tEIT_DVB_HbbTVDescriptor& event) {
+    release_event_descriptor(&event.eitShortEventDesc, false);
+    release_event_descriptor(&event.eitLongEventDesc, false);
+}
+
+// The data of the event under the cursor; false (logged) when the cache
+// refuses it.
+bool read_event(int handle, tEIT_DVB_HbbTVDescriptor& event) {
+    if (EIT_DVB_GetEventDataNonLock(handle, &event) == 0) return true;
+    AM_ERROR("EIT_DVB_GetEventData ERROR stop search !");
+    return false;
+}
+
+// The descriptions of the event under the cursor; false (logged, anything
+// partly fetched released) when the cache refuses them.
+bool read_descriptions(int handle, tEIT_DVB_HbbTVDescriptor& event) {
+    if (EIT_DVB_GetRestOfEventDataNonLock(handle, &event) == 0) return true;
+    AM_ERROR("EIT_DVB_GetRestOfEventDataNonLock ERROR stop search !");
+    release_descriptions(event);
+    return false;
+}
+
+// A registered cache client for a scan; false (logged) when the cache
+// refuses one.
+bool registered(const SearchSlot& slot, int handle) {
+    AM_INFO("Acquired handle/index from EIM manager: %d", handle);
+    if (handle != -1) return true;
+    AM_ERROR("!!! Unable to register to EIT manager !!! (searchID: %d, pluginID: %d)",
+             slot.search_id, slot.plugin_id);
+    return false;
+}
+
 // Walks the services of a scan: all service caches, or the channel list.
 class ServiceWalk {
 public:
@@ -184,8 +216,7 @@ bool fill_result(tEIT_DVB_HbbTVDescriptor& event, sSearchTaskResultsData& result
     p.name = heap_copy(event.eitName != nullptr ? event.eitName : "undefined");
     if (p.name == nullptr) {
         AM_ERROR("Unable to allocate result event name!");
-        release_event_descriptor(&event.eitShortEventDesc, false);
-        release_event_descriptor(&event.eitLongEventDesc, false);
+        release_descriptions(event);
         return false;
     }
     result.eitShortEventDesc = event.eitShortEventDesc;
@@ -221,12 +252,7 @@ bool search_for_events(SearchSlot& slot, const ScanInput& input) {
     gettimeofday(&stats.started, nullptr);
     CacheClient client;
     const int handle = client.handle();
-    AM_INFO("Acquired handle/index from EIM manager: %d", handle);
-    if (handle == -1) {
-        AM_ERROR("!!! Unable to register to EIT manager !!! (searchID: %d, pluginID: %d)",
-                 slot.search_id, slot.plugin_id);
-        return false;
-    }
+    if (!registered(slot, handle)) return false;
     ServiceWalk services(handle, input.constraints);
     bool end_scan = false;
     for (bool have = services.first(); have;) {
@@ -241,18 +267,10 @@ bool search_for_events(SearchSlot& slot, const ScanInput& input) {
             ++stats.events;
             if (slot.should_stop()) return stop_scan(slot, client, lock);
             tEIT_DVB_HbbTVDescriptor event{};
-            if (EIT_DVB_GetEventDataNonLock(handle, &event) != 0) {
-                AM_ERROR("EIT_DVB_GetEventData ERROR stop search !");
-                return false;
-            }
+            if (!read_event(handle, event)) return false;
             if (!query_matches(input.query, event)) continue;
             ++stats.found;
-            if (EIT_DVB_GetRestOfEventDataNonLock(handle, &event) != 0) {
-                AM_ERROR("EIT_DVB_GetRestOfEventDataNonLock ERROR stop search !");
-                release_event_descriptor(&event.eitShortEventDesc, false);
-                release_event_descriptor(&event.eitLongEventDesc, false);
-                return false;
-            }
+            if (!read_descriptions(handle, event)) return false;
             if (store_match(slot, event, stats.caches - 1, stats.found) == Stored::EndScan) {
                 end_scan = true;
                 break;
@@ -275,12 +293,7 @@ bool search_one_stream(SearchSlot& slot, const Query& query) {
     gettimeofday(&stats.started, nullptr);
     CacheClient client;
     const int handle = client.handle();
-    AM_INFO("Acquired handle/index from EIM manager: %d", handle);
-    if (handle == -1) {
-        AM_ERROR("!!! Unable to register to EIT manager !!! (searchID: %d, pluginID: %d)",
-                 slot.search_id, slot.plugin_id);
-        return false;
-    }
+    if (!registered(slot, handle)) return false;
     if (EIT_DVB_GetServiceCacheForSpecificService(handle, query.onid, query.tsid, query.sid) ==
         -1) {
         AM_INFO("No service cache available for this service (onid: %d, tsid: %d, sid: %d)",
@@ -306,22 +319,13 @@ bool search_one_stream(SearchSlot& slot, const Query& query) {
             ++stats.events;
             if (slot.should_stop()) return stop_scan(slot, client, lock);
             tEIT_DVB_HbbTVDescriptor event{};
-            if (EIT_DVB_GetEventDataNonLock(handle, &event) != 0) {
-                AM_ERROR("EIT_DVB_GetEventData ERROR stop search !");
-                return false;
-            }
-            if (EIT_DVB_GetRestOfEventDataNonLock(handle, &event) != 0) {
-                AM_ERROR("EIT_DVB_GetRestOfEventDataNonLock ERROR stop search !");
-                release_event_descriptor(&event.eitShortEventDesc, false);
-                release_event_descriptor(&event.eitLongEventDesc, false);
-                return false;
-            }
+            if (!read_event(handle, event)) return false;
+            if (!read_descriptions(handle, event)) return false;
             AM_INFO("searchOperations->startTime = %d", query.start_time);
             AM_INFO("eventDescriptor.eitStartTime = %d", event.eitStartTime);
             AM_INFO("eventDescriptor.eitDuration = %d", event.eitDuration);
             if (!on_air_or_later(query.start_time, event)) {
-                release_event_descriptor(&event.eitShortEventDesc, false);
-                release_event_descriptor(&event.eitLongEventDesc, false);
+                release_descriptions(event);
                 continue;
             }
             ++stats.found;
