@@ -177,6 +177,14 @@ bool registered(const SearchSlot& slot, int handle) {
     return false;
 }
 
+// Takes the cache lock for a walk over one service; false (logged) when the
+// cache refuses it.
+bool locked(CacheLock& lock) {
+    if (lock.lock()) return true;
+    AM_ERROR("Unable to EIT_DVB_LockCache !");
+    return false;
+}
+
 // Walks the services of a scan: all service caches, or the channel list.
 class ServiceWalk {
 public:
@@ -258,10 +266,7 @@ bool search_for_events(SearchSlot& slot, const ScanInput& input) {
     for (bool have = services.first(); have;) {
         ++stats.caches;
         CacheLock lock;
-        if (!lock.lock()) {
-            AM_ERROR("Unable to EIT_DVB_LockCache !");
-            return false;
-        }
+        if (!locked(lock)) return false;
         for (int more = EIT_DVB_GetFirstEventFromCacheNonLock(handle); more != 0;
              more = EIT_DVB_GetNextEventFromCacheNonLock(handle)) {
             ++stats.events;
@@ -310,10 +315,7 @@ bool search_one_stream(SearchSlot& slot, const Query& query) {
     ++stats.caches;
     {
         CacheLock lock;
-        if (!lock.lock()) {
-            AM_ERROR("Unable to EIT_DVB_LockCache !");
-            return false;
-        }
+        if (!locked(lock)) return false;
         for (int more = EIT_DVB_GetFirstEventFromCacheNonLock(handle); more != 0;
              more = EIT_DVB_GetNextEventFromCache(handle)) {
             ++stats.events;

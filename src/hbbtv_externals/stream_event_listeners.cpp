@@ -29,6 +29,14 @@ namespace state = appmgr::state;
 
 namespace {
 
+// Releases the texts of a pending request and clears them.
+void free_texts(StreamEventDescriptor& slot) {
+    std::free(slot.targetURL);
+    std::free(slot.eventName);
+    slot.targetURL = nullptr;
+    slot.eventName = nullptr;
+}
+
 constexpr int kSlots = APPMGR_STREAM_EVENT_SLOTS;
 // Connect time-out of a description download, in seconds.
 constexpr long kDescriptionConnectSeconds = 20;
@@ -254,8 +262,7 @@ APPMGR_API void configureStreamEventSlot(uint8_t slotIndex, const char* targetUR
         // An earlier occupant (slot 7 when the others are taken) is replaced;
         // its texts are released rather than lost.
         StreamEventDescriptor& slot = table.events[slotIndex];
-        std::free(slot.targetURL);
-        std::free(slot.eventName);
+        free_texts(slot);
         slot.targetURL = url;
         slot.eventName = name;
         slot.type = type;
@@ -269,11 +276,7 @@ APPMGR_API void releaseStreamEventSlot(uint8_t slotIndex) {
     appmgr::c_entry_void(__func__, [&] {
         state::ManagerLock lock;
         StreamEvents& table = state::pending_stream_events();
-        StreamEventDescriptor& slot = table.events[slotIndex];
-        std::free(slot.targetURL);
-        std::free(slot.eventName);
-        slot.targetURL = nullptr;
-        slot.eventName = nullptr;
+        free_texts(table.events[slotIndex]);
         table.eventSlotUsed[slotIndex] = 0;
         --table.acquiredSlots;
     });
@@ -295,10 +298,7 @@ APPMGR_API int initializeStreamEventsUtil(void) {
     return appmgr::c_entry(__func__, 1, [] {
         state::ManagerLock lock;
         StreamEvents& table = state::pending_stream_events();
-        for (StreamEventDescriptor& slot : table.events) {
-            std::free(slot.targetURL);
-            std::free(slot.eventName);
-        }
+        for (StreamEventDescriptor& slot : table.events) free_texts(slot);
         std::memset(&table, 0, sizeof(table));
         return 1;
     });
