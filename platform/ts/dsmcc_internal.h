@@ -1,0 +1,19 @@
+// Pieces the DSM-CC decoders share: object references and taps appear in
+// download messages and in BIOP objects alike.
+#pragma once
+
+#include <string>
+
+#include "dsmcc_reader.h"
+#include "ts_dsmcc.h"
+
+namespace tsdecode::dsmcc {
+
+bool read_tap(Reader& r, Tap& tap);
+// Reads an IOP::IOR; false (with the reason in `skipped`) when it does not
+// fit its bytes.
+bool read_object_ref(Reader& r, ObjectRef& ref, Skipped& skipped);
+std::string dump_tap(const Tap& tap);
+std::string dump_object_ref(const ObjectRef& ref);
+
+}  // namespace tsdecode::dsmcc
