@@ -88,7 +88,7 @@ Bytes deflate(const Bytes& data) {
 Bytes ior(const Ref& ref) {
     Bytes location;
     put32(location, 0x49534F50);
-    put8(location, 7 + static_cast<unsigned>(ref.key.size()) + 1);
+    put8(location, 9 + static_cast<unsigned>(ref.key.size()));
     put32(location, ref.carousel);
     put16(location, ref.module);
     put8(location, 1);
