@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build needs, when any is missing.
 set -euo pipefail
-packages=(cmake ninja-build g++ pkg-config libcurl4-openssl-dev libxml2-dev
+packages=(cmake ninja-build g++ pkg-config libcurl4-openssl-dev libxml2-dev libdvbpsi-dev zlib1g-dev
           libgtest-dev libgmock-dev binutils openssl)
 missing=()
 for p in "${packages[@]}"; do
