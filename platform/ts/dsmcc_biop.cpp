@@ -6,13 +6,13 @@
 
 #include "dsmcc_internal.h"
 #include "dsmcc_reader.h"
-#include "ts_dsmcc.h"
+#include "ts_decode.h"
 
-namespace tsdecode::dsmcc {
+namespace ts::dsmcc {
 
 namespace {
 
-constexpr std::uint32_t kBiopMagic = 0x42494F50;  // "BIOP"
+constexpr uint32_t kBiopMagic = 0x42494F50;  // "BIOP"
 
 // A text with its terminating zero byte (names, kinds, event names).
 std::string zero_terminated(const Bytes& bytes) {
@@ -22,18 +22,18 @@ std::string zero_terminated(const Bytes& bytes) {
 }
 
 bool read_bindings(Reader& body, BiopObject& object, Skipped& skipped, const std::string& where) {
-    std::uint16_t count = 0;
+    uint16_t count = 0;
     if (!body.u16(count)) {
         skipped.push_back(where + ": bindings count missing");
         return false;
     }
     for (unsigned i = 0; i < count; ++i) {
         Binding binding;
-        std::uint8_t components = 0;
+        uint8_t components = 0;
         body.u8(components);
         std::vector<std::pair<std::string, std::string>> names;
         for (unsigned c = 0; c < components && !body.failed(); ++c) {
-            std::uint8_t id_length = 0, kind_length = 0;
+            uint8_t id_length = 0, kind_length = 0;
             Bytes id, kind;
             body.u8(id_length);
             body.bytes(id_length, id);
@@ -50,7 +50,7 @@ bool read_bindings(Reader& body, BiopObject& object, Skipped& skipped, const std
             skipped.push_back(where + ": binding " + std::to_string(i) + " has a bad object reference");
             return false;
         }
-        std::uint16_t info_length = 0;
+        uint16_t info_length = 0;
         body.u16(info_length);
         if (body.failed() || !body.skip(info_length)) {
             skipped.push_back(where + ": binding " + std::to_string(i) + " runs past the message");
@@ -71,7 +71,7 @@ bool read_bindings(Reader& body, BiopObject& object, Skipped& skipped, const std
 }
 
 bool read_taps(Reader& r, std::vector<Tap>& taps) {
-    std::uint8_t count = 0;
+    uint8_t count = 0;
     if (!r.u8(count)) return false;
     for (unsigned i = 0; i < count; ++i) {
         Tap tap;
@@ -84,7 +84,7 @@ bool read_taps(Reader& r, std::vector<Tap>& taps) {
 // DSM::Stream::Info_T, which starts the object info of stream and
 // stream-event objects: a description, a duration and three flags.
 bool skip_stream_info(Reader& info) {
-    std::uint8_t description_length = 0;
+    uint8_t description_length = 0;
     info.u8(description_length);
     info.skip(description_length);
     info.skip(4 + 4 + 3);
@@ -93,13 +93,13 @@ bool skip_stream_info(Reader& info) {
 
 bool read_stream_event(Reader& info, Reader& body, BiopObject& object, Skipped& skipped,
                        const std::string& where) {
-    std::uint16_t name_count = 0;
+    uint16_t name_count = 0;
     if (!skip_stream_info(info) || !info.u16(name_count)) {
         skipped.push_back(where + ": stream-event info cut short");
         return false;
     }
     for (unsigned i = 0; i < name_count; ++i) {
-        std::uint8_t length = 0;
+        uint8_t length = 0;
         Bytes name;
         info.u8(length);
         if (!info.bytes(length, name)) {
@@ -108,13 +108,13 @@ bool read_stream_event(Reader& info, Reader& body, BiopObject& object, Skipped& 
         }
         object.event_names.push_back(zero_terminated(name));
     }
-    std::uint8_t id_count = 0;
+    uint8_t id_count = 0;
     if (!read_taps(body, object.taps) || !body.u8(id_count)) {
         skipped.push_back(where + ": stream-event body cut short");
         return false;
     }
     for (unsigned i = 0; i < id_count; ++i) {
-        std::uint16_t id = 0;
+        uint16_t id = 0;
         if (!body.u16(id)) {
             skipped.push_back(where + ": event ids run past the body");
             return false;
@@ -132,9 +132,9 @@ bool read_stream_event(Reader& info, Reader& body, BiopObject& object, Skipped& 
 // One BIOP message whose bytes (after the size field) are `message`. False
 // when the object is unusable; the reason is in `skipped`.
 bool read_object(Reader& message, BiopObject& object, Skipped& skipped, const std::string& where) {
-    std::uint8_t key_length = 0, contexts = 0;
-    std::uint32_t kind_length = 0, body_length = 0;
-    std::uint16_t info_length = 0;
+    uint8_t key_length = 0, contexts = 0;
+    uint32_t kind_length = 0, body_length = 0;
+    uint16_t info_length = 0;
     Bytes kind;
     message.u8(key_length);
     message.bytes(key_length, object.key);
@@ -150,7 +150,7 @@ bool read_object(Reader& message, BiopObject& object, Skipped& skipped, const st
     message.sub(info_length, info);
     message.u8(contexts);
     for (unsigned i = 0; i < contexts && !message.failed(); ++i) {
-        std::uint16_t context_length = 0;
+        uint16_t context_length = 0;
         message.skip(4);
         message.u16(context_length);
         message.skip(context_length);
@@ -164,7 +164,7 @@ bool read_object(Reader& message, BiopObject& object, Skipped& skipped, const st
     const std::string what = where + " (" + printable(object.kind) + " key " + hex_bytes(object.key) + ")";
     if (object.kind == "srg" || object.kind == "dir") return read_bindings(body, object, skipped, what);
     if (object.kind == "fil") {
-        std::uint32_t content_length = 0;
+        uint32_t content_length = 0;
         if (!body.u32(content_length) || !body.bytes(content_length, object.content)) {
             skipped.push_back(what + ": file content runs past the message");
             return false;
@@ -185,15 +185,15 @@ bool read_object(Reader& message, BiopObject& object, Skipped& skipped, const st
 
 }  // namespace
 
-Decoded<std::vector<BiopObject>> decode_biop_module(const std::uint8_t* data, std::size_t size) {
+Decoded<std::vector<BiopObject>> decode_biop_module(const uint8_t* data, std::size_t size) {
     Decoded<std::vector<BiopObject>> out;
     Reader r(data, size);
     int index = 0;
     while (r.left() > 0) {
         const std::string where = "BIOP message " + std::to_string(index) + " at byte " +
                                   std::to_string(r.position());
-        std::uint32_t magic = 0, message_size = 0;
-        std::uint8_t major = 0, minor = 0, byte_order = 0, type = 0;
+        uint32_t magic = 0, message_size = 0;
+        uint8_t major = 0, minor = 0, byte_order = 0, type = 0;
         r.u32(magic);
         r.u8(major);
         r.u8(minor);
@@ -236,4 +236,4 @@ std::string dump(const BiopObject& object) {
     return s.str();
 }
 
-}  // namespace tsdecode::dsmcc
+}  // namespace ts::dsmcc

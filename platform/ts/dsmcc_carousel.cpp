@@ -14,9 +14,9 @@
 #include <tuple>
 
 #include "dsmcc_reader.h"
-#include "ts_dsmcc.h"
+#include "ts_decode.h"
 
-namespace tsdecode::dsmcc {
+namespace ts::dsmcc {
 
 namespace {
 
@@ -25,16 +25,16 @@ namespace {
 constexpr std::size_t kMaxLoggedReasons = 1000;
 constexpr std::size_t kMaxNameLength = 255;
 
-using ModuleKey = std::pair<std::uint32_t, std::uint16_t>;                            // download, module
-using EarlyKey = std::tuple<std::uint32_t, std::uint16_t, std::uint8_t, std::uint16_t>;  // ... version, block
+using ModuleKey = std::pair<uint32_t, uint16_t>;                            // download, module
+using EarlyKey = std::tuple<uint32_t, uint16_t, uint8_t, uint16_t>;  // ... version, block
 
 struct ModuleSlot {
     ModuleInfo info;
-    std::uint16_t block_size = 0;
+    uint16_t block_size = 0;
     std::unique_ptr<ModuleAssembler> assembler;  // the announced version while it is collected
     bool failed = false;                         // the announced version could not be used
     bool has_content = false;                    // a version was complete
-    std::uint8_t content_version = 0;
+    uint8_t content_version = 0;
     std::vector<std::shared_ptr<const BiopObject>> objects;
     std::size_t content_bytes = 0;
 };
@@ -58,7 +58,6 @@ bool usable_name(const std::string& name) {
 struct ObjectCarousel::State {
     int pid = 0;
     CarouselLimits limits;
-    Log log;
     bool has_dsi = false;
     Dsi dsi;
     std::map<ModuleKey, ModuleSlot> modules;
@@ -69,15 +68,15 @@ struct ObjectCarousel::State {
 
     void skip(const std::string& reason) {
         ++counts.skipped;
-        if (!log || logged.count(reason)) return;
+        if (logged.count(reason)) return;
         if (logged.size() == kMaxLoggedReasons) {
             logged.insert(reason);
-            log("carousel pid " + hex(pid, 4) + ": more skip reasons; only counted from now on");
+            ts::log(3, "carousel pid " + hex(pid, 4) + ": more skip reasons; only counted from now on");
             return;
         }
         if (logged.size() > kMaxLoggedReasons) return;
         logged.insert(reason);
-        log("carousel pid " + hex(pid, 4) + ": " + reason);
+        ts::log(3, "carousel pid " + hex(pid, 4) + ": " + reason);
     }
     void skip_all(const Skipped& reasons, const std::string& prefix = "") {
         for (const std::string& r : reasons) skip(prefix + r);
@@ -96,7 +95,7 @@ struct ObjectCarousel::State {
         return "module " + std::to_string(key.second) + " of download " + hex(key.first);
     }
 
-    void on_dsi(const std::uint8_t* section, std::size_t length) {
+    void on_dsi(const uint8_t* section, std::size_t length) {
         auto dsi_result = decode_dsi(section, length);
         if (!dsi_result.ok) {
             skip_all(dsi_result.skipped, "DSI skipped: ");
@@ -108,7 +107,7 @@ struct ObjectCarousel::State {
         has_dsi = true;
     }
 
-    void on_dii(const std::uint8_t* section, std::size_t length, std::vector<ModuleChange>& changes) {
+    void on_dii(const uint8_t* section, std::size_t length, std::vector<ModuleChange>& changes) {
         auto dii_result = decode_dii(section, length);
         if (!dii_result.ok) {
             skip_all(dii_result.skipped, "DII skipped: ");
@@ -165,7 +164,7 @@ struct ObjectCarousel::State {
         }
     }
 
-    void on_ddb(const std::uint8_t* section, std::size_t length, std::vector<ModuleChange>& changes) {
+    void on_ddb(const uint8_t* section, std::size_t length, std::vector<ModuleChange>& changes) {
         auto ddb_result = decode_ddb(section, length);
         if (!ddb_result.ok) {
             skip_all(ddb_result.skipped, "DDB skipped: ");
@@ -273,7 +272,7 @@ struct ObjectCarousel::State {
     }
 
     void walk(const BiopObject& directory, const std::string& path, std::size_t depth, CarouselTree& tree,
-              std::set<std::pair<std::uint16_t, Bytes>>& visited) const {
+              std::set<std::pair<uint16_t, Bytes>>& visited) const {
         for (const Binding& binding : directory.bindings) {
             const std::string child = path.empty() ? binding.name : path + "/" + binding.name;
             if (!usable_name(binding.name)) {
@@ -337,40 +336,40 @@ const char* kind_name(CarouselEntry::Kind kind) {
     return "?";
 }
 
-ObjectCarousel::ObjectCarousel(int pid, CarouselLimits limits, Log log) : state_(std::make_unique<State>()) {
+ObjectCarousel::ObjectCarousel(int pid, CarouselLimits limits) : state_(std::make_unique<State>()) {
     state_->pid = pid;
     state_->limits = limits;
-    state_->log = std::move(log);
 }
 
 ObjectCarousel::~ObjectCarousel() = default;
 
 int ObjectCarousel::pid() const { return state_->pid; }
 
-std::vector<ModuleChange> ObjectCarousel::feed(const std::uint8_t* section, std::size_t length) {
+std::vector<ModuleChange> ObjectCarousel::feed(const uint8_t* section, std::size_t length) {
     std::vector<ModuleChange> changes;
     State& s = *state_;
     ++s.counts.sections;
-    auto header = decode_section_header(section, length);
-    if (!header.ok) {
-        s.skip_all(header.skipped, "section skipped: ");
+    SectionHeader header;
+    std::string why;
+    if (section == nullptr || !read_section_header(section, length, &header, &why)) {
+        s.skip("section skipped: " + (section ? why : std::string("no section")));
         return changes;
     }
     switch (download_message_id(section, length)) {
     case kMessageDsi:
-        if (header.value.table_id == kTableDownloadControl) s.on_dsi(section, length);
-        else s.skip("DSI message in table " + hex(header.value.table_id, 2) + " skipped");
+        if (header.table_id == kTableDownloadControl) s.on_dsi(section, length);
+        else s.skip("DSI message in table " + hex(header.table_id, 2) + " skipped");
         break;
     case kMessageDii:
-        if (header.value.table_id == kTableDownloadControl) s.on_dii(section, length, changes);
-        else s.skip("DII message in table " + hex(header.value.table_id, 2) + " skipped");
+        if (header.table_id == kTableDownloadControl) s.on_dii(section, length, changes);
+        else s.skip("DII message in table " + hex(header.table_id, 2) + " skipped");
         break;
     case kMessageDdb:
-        if (header.value.table_id == kTableDownloadData) s.on_ddb(section, length, changes);
-        else s.skip("DDB message in table " + hex(header.value.table_id, 2) + " skipped");
+        if (header.table_id == kTableDownloadData) s.on_ddb(section, length, changes);
+        else s.skip("DDB message in table " + hex(header.table_id, 2) + " skipped");
         break;
     default:
-        s.skip("section of table " + hex(header.value.table_id, 2) + " with message " +
+        s.skip("section of table " + hex(header.table_id, 2) + " with message " +
                hex(download_message_id(section, length), 4) + " skipped");
     }
     return changes;
@@ -406,7 +405,7 @@ CarouselTree ObjectCarousel::tree() const {
     root.module_version = slot->content_version;
     root.object = gateway;
     tree.entries.push_back(root);
-    std::set<std::pair<std::uint16_t, Bytes>> visited{{gateway_ref.module_id, gateway_ref.object_key}};
+    std::set<std::pair<uint16_t, Bytes>> visited{{gateway_ref.module_id, gateway_ref.object_key}};
     s.walk(*gateway, "", 0, tree, visited);
     return tree;
 }
@@ -424,4 +423,4 @@ std::vector<std::string> ObjectCarousel::incomplete_modules() const {
     return out;
 }
 
-}  // namespace tsdecode::dsmcc
+}  // namespace ts::dsmcc

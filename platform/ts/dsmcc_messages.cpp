@@ -6,43 +6,36 @@
 
 #include "dsmcc_internal.h"
 #include "dsmcc_reader.h"
-#include "ts_dsmcc.h"
+#include "ts_decode.h"
 
-namespace tsdecode::dsmcc {
+namespace ts::dsmcc {
 
 namespace {
 
-constexpr std::uint8_t kProtocolDiscriminator = 0x11;
-constexpr std::uint8_t kDsmccTypeDownload = 0x03;
-constexpr std::uint32_t kTagBiopProfile = 0x49534F06;
-constexpr std::uint32_t kTagLiteOptions = 0x49534F05;
-constexpr std::uint32_t kTagObjectLocation = 0x49534F50;
-constexpr std::uint32_t kTagConnBinder = 0x49534F40;
-constexpr std::uint8_t kDescriptorCompressedModule = 0x09;
+constexpr uint8_t kProtocolDiscriminator = 0x11;
+constexpr uint8_t kDsmccTypeDownload = 0x03;
+constexpr uint32_t kTagBiopProfile = 0x49534F06;
+constexpr uint32_t kTagLiteOptions = 0x49534F05;
+constexpr uint32_t kTagObjectLocation = 0x49534F50;
+constexpr uint32_t kTagConnBinder = 0x49534F40;
+constexpr uint8_t kDescriptorCompressedModule = 0x09;
 constexpr std::size_t kServerIdLength = 20;
 
 // The DSM-CC message header that starts the payload of a download section,
 // and the message body that follows its adaptation field.
 struct MessageHeader {
-    std::uint16_t message_id = 0;
-    std::uint32_t transaction_id = 0;  // the download id in a DDB
+    uint16_t message_id = 0;
+    uint32_t transaction_id = 0;  // the download id in a DDB
     Reader body{nullptr, 0};
 };
 
-bool read_message_header(const std::uint8_t* section, std::size_t length, std::uint8_t table_id,
+bool read_message_header(const uint8_t* section, std::size_t length, uint8_t table_id,
                          MessageHeader& out, Skipped& skipped) {
-    auto header = decode_section_header(section, length);
-    if (!header.ok) {
-        skipped.insert(skipped.end(), header.skipped.begin(), header.skipped.end());
-        return false;
-    }
-    if (header.value.table_id != table_id) {
-        skipped.push_back("table id " + hex(header.value.table_id, 2) + " is not " + hex(table_id, 2));
-        return false;
-    }
-    Reader r(section + header.value.payload_offset, header.value.payload_length);
-    std::uint8_t discriminator = 0, type = 0, reserved = 0, adaptation_length = 0;
-    std::uint16_t message_length = 0;
+    SectionHeader header;
+    Reader r(nullptr, 0);
+    if (!section_payload(section, length, table_id, header, r, skipped)) return false;
+    uint8_t discriminator = 0, type = 0, reserved = 0, adaptation_length = 0;
+    uint16_t message_length = 0;
     r.u8(discriminator);
     r.u8(type);
     r.u16(out.message_id);
@@ -86,7 +79,7 @@ std::string kind_of_type_id(const Bytes& type_id) {
 }
 
 bool read_object_location(Reader& r, ObjectRef& ref) {
-    std::uint8_t key_length = 0;
+    uint8_t key_length = 0;
     r.u32(ref.carousel_id);
     r.u16(ref.module_id);
     r.u8(ref.version_major);
@@ -98,7 +91,7 @@ bool read_object_location(Reader& r, ObjectRef& ref) {
 }
 
 bool read_conn_binder(Reader& r, ObjectRef& ref) {
-    std::uint8_t count = 0;
+    uint8_t count = 0;
     if (!r.u8(count)) return false;
     for (unsigned i = 0; i < count; ++i) {
         Tap tap;
@@ -109,7 +102,7 @@ bool read_conn_binder(Reader& r, ObjectRef& ref) {
 }
 
 bool read_biop_profile(Reader& r, ObjectRef& ref, Skipped& skipped) {
-    std::uint8_t byte_order = 0, components = 0;
+    uint8_t byte_order = 0, components = 0;
     r.u8(byte_order);
     r.u8(components);
     if (r.failed()) return false;
@@ -118,8 +111,8 @@ bool read_biop_profile(Reader& r, ObjectRef& ref, Skipped& skipped) {
         return false;
     }
     for (unsigned i = 0; i < components; ++i) {
-        std::uint32_t tag = 0;
-        std::uint8_t data_length = 0;
+        uint32_t tag = 0;
+        uint8_t data_length = 0;
         Reader data(nullptr, 0);
         r.u32(tag);
         r.u8(data_length);
@@ -143,7 +136,7 @@ bool read_biop_profile(Reader& r, ObjectRef& ref, Skipped& skipped) {
 }  // namespace
 
 bool read_tap(Reader& r, Tap& tap) {
-    std::uint8_t selector_length = 0;
+    uint8_t selector_length = 0;
     r.u16(tap.id);
     r.u16(tap.use);
     r.u16(tap.association_tag);
@@ -156,7 +149,7 @@ bool read_tap(Reader& r, Tap& tap) {
 // tagged profiles. Only the BIOP profile is read; an object that lives in
 // another carousel (lite options profile) keeps located == false.
 bool read_object_ref(Reader& r, ObjectRef& ref, Skipped& skipped) {
-    std::uint32_t type_length = 0, profiles = 0;
+    uint32_t type_length = 0, profiles = 0;
     Bytes type_id;
     r.u32(type_length);
     if (r.failed() || type_length > r.left()) {
@@ -171,8 +164,8 @@ bool read_object_ref(Reader& r, ObjectRef& ref, Skipped& skipped) {
         return false;
     }
     ref.kind = kind_of_type_id(type_id);
-    for (std::uint32_t i = 0; i < profiles; ++i) {
-        std::uint32_t tag = 0, data_length = 0;
+    for (uint32_t i = 0; i < profiles; ++i) {
+        uint32_t tag = 0, data_length = 0;
         Reader data(nullptr, 0);
         r.u32(tag);
         r.u32(data_length);
@@ -189,44 +182,33 @@ bool read_object_ref(Reader& r, ObjectRef& ref, Skipped& skipped) {
     return true;
 }
 
-Decoded<SectionHeader> decode_section_header(const std::uint8_t* section, std::size_t length) {
-    Decoded<SectionHeader> out;
-    if (section == nullptr || length < 12) {
-        out.skipped.push_back("section shorter than its fixed header and CRC (" +
-                              std::to_string(length) + " bytes)");
-        return out;
+bool section_payload(const uint8_t* section, std::size_t length, uint8_t table_id, SectionHeader& header,
+                     Reader& payload, Skipped& skipped) {
+    std::string why;
+    if (section == nullptr || !read_section_header(section, length, &header, &why)) {
+        skipped.push_back(section == nullptr ? "no section" : why);
+        return false;
     }
-    const std::size_t stated = 3 + (((section[1] & 0x0F) << 8) | section[2]);
-    if (stated > length) {
-        out.skipped.push_back("section length " + std::to_string(stated) + " runs past the " +
-                              std::to_string(length) + " bytes given");
-        return out;
+    if (header.table_id != table_id) {
+        skipped.push_back("table id " + hex(header.table_id, 2) + " is not " + hex(table_id, 2));
+        return false;
     }
-    if (stated < 12) {
-        out.skipped.push_back("section length " + std::to_string(stated) + " leaves no room for its header");
-        return out;
+    if (!header.long_form) {
+        skipped.push_back("table " + hex(table_id, 2) + " section without its long header");
+        return false;
     }
-    if (stated < length) out.skipped.push_back(std::to_string(length - stated) + " bytes after the section ignored");
-    SectionHeader& h = out.value;
-    h.table_id = section[0];
-    h.table_id_extension = static_cast<std::uint16_t>((section[3] << 8) | section[4]);
-    h.version = static_cast<std::uint8_t>((section[5] >> 1) & 0x1F);
-    h.current_next = (section[5] & 0x01) != 0;
-    h.section_number = section[6];
-    h.last_section_number = section[7];
-    h.payload_offset = 8;
-    h.payload_length = stated - 8 - 4;
-    out.ok = true;
-    return out;
+    // From after last_section_number up to the CRC (or checksum).
+    payload = Reader(section + 8, header.length + 3u - 12u);
+    return true;
 }
 
-std::uint16_t download_message_id(const std::uint8_t* section, std::size_t length) {
+uint16_t download_message_id(const uint8_t* section, std::size_t length) {
     if (section == nullptr || length < 12) return 0;
     if (section[0] != kTableDownloadControl && section[0] != kTableDownloadData) return 0;
-    return static_cast<std::uint16_t>((section[10] << 8) | section[11]);
+    return static_cast<uint16_t>((section[10] << 8) | section[11]);
 }
 
-Decoded<Dsi> decode_dsi(const std::uint8_t* section, std::size_t length) {
+Decoded<Dsi> decode_dsi(const uint8_t* section, std::size_t length) {
     Decoded<Dsi> out;
     MessageHeader m;
     if (!read_message_header(section, length, kTableDownloadControl, m, out.skipped)) return out;
@@ -236,7 +218,7 @@ Decoded<Dsi> decode_dsi(const std::uint8_t* section, std::size_t length) {
     }
     out.value.transaction_id = m.transaction_id;
     Reader& r = m.body;
-    std::uint16_t compatibility_length = 0, private_length = 0;
+    uint16_t compatibility_length = 0, private_length = 0;
     r.skip(kServerIdLength);
     r.u16(compatibility_length);
     r.skip(compatibility_length);
@@ -262,7 +244,7 @@ namespace {
 // BIOP::ModuleInfo in a DII's module entry: time-outs, taps, and the
 // descriptors of which only compressed_module_descriptor matters.
 void read_module_info(Reader& r, ModuleInfo& module, Skipped& skipped) {
-    std::uint8_t taps = 0, user_info_length = 0;
+    uint8_t taps = 0, user_info_length = 0;
     r.u32(module.module_timeout);
     r.u32(module.block_timeout);
     r.u32(module.min_block_time);
@@ -279,7 +261,7 @@ void read_module_info(Reader& r, ModuleInfo& module, Skipped& skipped) {
         return;
     }
     while (descriptors.left() >= 2) {
-        std::uint8_t tag = 0, descriptor_length = 0;
+        uint8_t tag = 0, descriptor_length = 0;
         descriptors.u8(tag);
         descriptors.u8(descriptor_length);
         Reader d(nullptr, 0);
@@ -289,8 +271,8 @@ void read_module_info(Reader& r, ModuleInfo& module, Skipped& skipped) {
             return;
         }
         if (tag == kDescriptorCompressedModule) {
-            std::uint8_t method = 0;
-            std::uint32_t original = 0;
+            uint8_t method = 0;
+            uint32_t original = 0;
             if (d.u8(method) && d.u32(original)) {
                 module.compressed = true;
                 module.compression_method = method;
@@ -305,7 +287,7 @@ void read_module_info(Reader& r, ModuleInfo& module, Skipped& skipped) {
 
 }  // namespace
 
-Decoded<Dii> decode_dii(const std::uint8_t* section, std::size_t length) {
+Decoded<Dii> decode_dii(const uint8_t* section, std::size_t length) {
     Decoded<Dii> out;
     MessageHeader m;
     if (!read_message_header(section, length, kTableDownloadControl, m, out.skipped)) return out;
@@ -316,9 +298,9 @@ Decoded<Dii> decode_dii(const std::uint8_t* section, std::size_t length) {
     Dii& dii = out.value;
     dii.transaction_id = m.transaction_id;
     Reader& r = m.body;
-    std::uint8_t window = 0, ack = 0;
-    std::uint32_t download_window = 0, scenario = 0;
-    std::uint16_t compatibility_length = 0, count = 0;
+    uint8_t window = 0, ack = 0;
+    uint32_t download_window = 0, scenario = 0;
+    uint16_t compatibility_length = 0, count = 0;
     r.u32(dii.download_id);
     r.u16(dii.block_size);
     r.u8(window);
@@ -338,7 +320,7 @@ Decoded<Dii> decode_dii(const std::uint8_t* section, std::size_t length) {
     }
     for (unsigned i = 0; i < count; ++i) {
         ModuleInfo module;
-        std::uint8_t info_length = 0;
+        uint8_t info_length = 0;
         r.u16(module.module_id);
         r.u32(module.size);
         r.u8(module.version);
@@ -356,7 +338,7 @@ Decoded<Dii> decode_dii(const std::uint8_t* section, std::size_t length) {
     return out;
 }
 
-Decoded<Ddb> decode_ddb(const std::uint8_t* section, std::size_t length) {
+Decoded<Ddb> decode_ddb(const uint8_t* section, std::size_t length) {
     Decoded<Ddb> out;
     MessageHeader m;
     if (!read_message_header(section, length, kTableDownloadData, m, out.skipped)) return out;
@@ -367,7 +349,7 @@ Decoded<Ddb> decode_ddb(const std::uint8_t* section, std::size_t length) {
     Ddb& ddb = out.value;
     ddb.download_id = m.transaction_id;
     Reader& r = m.body;
-    std::uint8_t reserved = 0;
+    uint8_t reserved = 0;
     r.u16(ddb.module_id);
     r.u8(ddb.module_version);
     r.u8(reserved);
@@ -427,13 +409,13 @@ std::string dump(const Ddb& ddb) {
     return s.str();
 }
 
-std::string hex(std::uint64_t value, int digits) {
+std::string hex(uint64_t value, int digits) {
     char buffer[24];
     std::snprintf(buffer, sizeof buffer, "0x%0*llx", digits, static_cast<unsigned long long>(value));
     return buffer;
 }
 
-std::string hex_bytes(const std::uint8_t* data, std::size_t size) {
+std::string hex_bytes(const uint8_t* data, std::size_t size) {
     static const char digits[] = "0123456789abcdef";
     std::string out;
     out.reserve(size * 2);
@@ -458,4 +440,4 @@ std::string printable(const std::string& text) {
     return out;
 }
 
-}  // namespace tsdecode::dsmcc
+}  // namespace ts::dsmcc

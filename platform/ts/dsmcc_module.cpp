@@ -3,11 +3,11 @@
 #include <zlib.h>
 
 #include "dsmcc_reader.h"
-#include "ts_dsmcc.h"
+#include "ts_decode.h"
 
-namespace tsdecode::dsmcc {
+namespace ts::dsmcc {
 
-ModuleAssembler::ModuleAssembler(const ModuleInfo& module, std::uint16_t block_size)
+ModuleAssembler::ModuleAssembler(const ModuleInfo& module, uint16_t block_size)
     : module_(module), block_size_(block_size) {
     const std::size_t count =
         block_size == 0 ? 0 : (static_cast<std::size_t>(module.size) + block_size - 1) / block_size;
@@ -50,7 +50,7 @@ Bytes ModuleAssembler::assemble() const {
     return out;
 }
 
-Decoded<Bytes> inflate_module(const std::uint8_t* data, std::size_t size, std::size_t stated_size) {
+Decoded<Bytes> inflate_module(const uint8_t* data, std::size_t size, std::size_t stated_size) {
     Decoded<Bytes> out;
     z_stream stream{};
     if (inflateInit(&stream) != Z_OK) {
@@ -90,4 +90,4 @@ Decoded<Bytes> inflate_module(const std::uint8_t* data, std::size_t size, std::s
     return out;
 }
 
-}  // namespace tsdecode::dsmcc
+}  // namespace ts::dsmcc

@@ -9,28 +9,28 @@
 #include <string>
 #include <vector>
 
-namespace tsdecode::dsmcc {
+namespace ts::dsmcc {
 
 class Reader {
 public:
-    Reader(const std::uint8_t* data, std::size_t size) : data_(data), size_(data ? size : 0) {}
+    Reader(const uint8_t* data, std::size_t size) : data_(data), size_(data ? size : 0) {}
 
     std::size_t left() const { return size_ - pos_; }
     std::size_t position() const { return pos_; }
     bool failed() const { return failed_; }
-    const std::uint8_t* here() const { return data_ + pos_; }
+    const uint8_t* here() const { return data_ + pos_; }
 
-    bool u8(std::uint8_t& out) { return number(1, out); }
-    bool u16(std::uint16_t& out) { return number(2, out); }
-    bool u32(std::uint32_t& out) { return number(4, out); }
-    bool u64(std::uint64_t& out) { return number(8, out); }
+    bool u8(uint8_t& out) { return number(1, out); }
+    bool u16(uint16_t& out) { return number(2, out); }
+    bool u32(uint32_t& out) { return number(4, out); }
+    bool u64(uint64_t& out) { return number(8, out); }
 
     bool skip(std::size_t count) {
         if (!need(count)) return false;
         pos_ += count;
         return true;
     }
-    bool bytes(std::size_t count, std::vector<std::uint8_t>& out) {
+    bool bytes(std::size_t count, std::vector<uint8_t>& out) {
         if (!need(count)) return false;
         out.assign(data_ + pos_, data_ + pos_ + count);
         pos_ += count;
@@ -62,21 +62,21 @@ private:
         return true;
     }
 
-    const std::uint8_t* data_ = nullptr;
+    const uint8_t* data_ = nullptr;
     std::size_t size_ = 0;
     std::size_t pos_ = 0;
     bool failed_ = false;
 };
 
 // "0x" and lower-case hexadecimal digits, at least `digits` of them.
-std::string hex(std::uint64_t value, int digits = 1);
+std::string hex(uint64_t value, int digits = 1);
 // Bytes as lower-case hexadecimal pairs without separators.
-std::string hex_bytes(const std::uint8_t* data, std::size_t size);
-inline std::string hex_bytes(const std::vector<std::uint8_t>& bytes) {
+std::string hex_bytes(const uint8_t* data, std::size_t size);
+inline std::string hex_bytes(const std::vector<uint8_t>& bytes) {
     return hex_bytes(bytes.data(), bytes.size());
 }
 // A name or text for a dump: printable ASCII as it is, quotes, backslashes
 // and everything else escaped as \xNN.
 std::string printable(const std::string& text);
 
-}  // namespace tsdecode::dsmcc
+}  // namespace ts::dsmcc

@@ -4,24 +4,25 @@
 #include <algorithm>
 #include <sstream>
 
+#include "dsmcc_internal.h"
 #include "dsmcc_reader.h"
-#include "ts_dsmcc.h"
+#include "ts_decode.h"
 
-namespace tsdecode::dsmcc {
+namespace ts::dsmcc {
 
 namespace {
 
-constexpr std::uint64_t kLow33 = (1ULL << 33) - 1;
+constexpr uint64_t kLow33 = (1ULL << 33) - 1;
 // Sections remembered by the watch. A stream carries a handful of event
 // streams; past this many (PID, table id extension) pairs the memory is
 // dropped and a repeated section may count once more as new.
 constexpr std::size_t kMaxWatched = 4096;
 
 // Reads the fixed fields of a known descriptor; false when it is too short.
-bool read_descriptor(std::uint8_t tag, Reader& d, StreamDescriptor& out) {
-    std::uint8_t byte = 0;
-    std::uint32_t word = 0;
-    std::uint64_t wide = 0;
+bool read_descriptor(uint8_t tag, Reader& d, StreamDescriptor& out) {
+    uint8_t byte = 0;
+    uint32_t word = 0;
+    uint64_t wide = 0;
     switch (tag) {
     case kDescriptorNptReference:
         // post_discontinuity(1) content_id(7) reserved(7) STC(33)
@@ -31,7 +32,7 @@ bool read_descriptor(std::uint8_t tag, Reader& d, StreamDescriptor& out) {
         out.content_id = byte & 0x7F;
         d.u8(byte);
         d.u32(word);
-        out.stc_reference = (static_cast<std::uint64_t>(byte & 0x01) << 32) | word;
+        out.stc_reference = (static_cast<uint64_t>(byte & 0x01) << 32) | word;
         d.u64(wide);
         out.npt_reference = wide & kLow33;
         d.u16(out.scale_numerator);
@@ -39,10 +40,10 @@ bool read_descriptor(std::uint8_t tag, Reader& d, StreamDescriptor& out) {
         break;
     case kDescriptorNptEndpoint: {
         // reserved(15) start_NPT(33) reserved(31) stop_NPT(33)
-        std::uint16_t high = 0;
+        uint16_t high = 0;
         d.u16(high);
         d.u32(word);
-        out.start_npt = (static_cast<std::uint64_t>(high & 0x0001) << 32) | word;
+        out.start_npt = (static_cast<uint64_t>(high & 0x0001) << 32) | word;
         d.u64(wide);
         out.stop_npt = wide & kLow33;
         break;
@@ -64,7 +65,7 @@ bool read_descriptor(std::uint8_t tag, Reader& d, StreamDescriptor& out) {
     return !d.failed();
 }
 
-const char* stream_mode_name(std::uint8_t mode) {
+const char* stream_mode_name(uint8_t mode) {
     switch (mode) {
     case 0: return "open";
     case 1: return "pause";
@@ -82,21 +83,14 @@ const char* stream_mode_name(std::uint8_t mode) {
 
 }  // namespace
 
-Decoded<StreamDescriptorSection> decode_stream_descriptors(const std::uint8_t* section, std::size_t length) {
+Decoded<StreamDescriptorSection> decode_stream_descriptors(const uint8_t* section, std::size_t length) {
     Decoded<StreamDescriptorSection> out;
-    auto header = decode_section_header(section, length);
-    out.skipped = header.skipped;
-    if (!header.ok) return out;
-    if (header.value.table_id != kTableStreamDescriptors) {
-        out.skipped.push_back("table id " + hex(header.value.table_id, 2) + " is not " +
-                              hex(kTableStreamDescriptors, 2));
+    Reader loop(nullptr, 0);
+    if (!section_payload(section, length, kTableStreamDescriptors, out.value.header, loop, out.skipped))
         return out;
-    }
-    out.value.header = header.value;
-    Reader loop(section + header.value.payload_offset, header.value.payload_length);
     int index = 0;
     while (loop.left() > 0) {
-        std::uint8_t tag = 0, descriptor_length = 0;
+        uint8_t tag = 0, descriptor_length = 0;
         Reader d(nullptr, 0);
         loop.u8(tag);
         loop.u8(descriptor_length);
@@ -125,9 +119,8 @@ Decoded<StreamDescriptorSection> decode_stream_descriptors(const std::uint8_t* s
 std::string dump(const StreamDescriptorSection& section) {
     std::ostringstream s;
     const SectionHeader& h = section.header;
-    s << "stream descriptors table_id_extension=" << hex(h.table_id_extension, 4)
-      << " version=" << unsigned(h.version) << " section=" << unsigned(h.section_number) << "/"
-      << unsigned(h.last_section_number) << "\n";
+    s << "stream descriptors table_id_extension=" << hex(h.extension, 4) << " version=" << unsigned(h.version)
+      << " section=" << unsigned(h.number) << "/" << unsigned(h.last_number) << "\n";
     for (const StreamDescriptor& d : section.descriptors) {
         switch (d.tag) {
         case kDescriptorNptReference:
@@ -156,16 +149,16 @@ std::string dump(const StreamDescriptorSection& section) {
 
 std::string event_line(const StreamEvent& event) {
     std::ostringstream s;
-    s << "streamevent pid=" << hex(static_cast<std::uint64_t>(event.pid)) << " event=" << event.event_id
+    s << "streamevent pid=" << hex(static_cast<uint64_t>(event.pid)) << " event=" << event.event_id
       << " npt=" << event.npt << " data=" << hex_bytes(event.data) << " version=" << unsigned(event.version)
       << " table_id_extension=" << hex(event.table_id_extension);
     return s.str();
 }
 
 std::vector<StreamEvent> StreamEventWatch::feed(int pid, const StreamDescriptorSection& section,
-                                                const std::uint8_t* bytes, std::size_t length) {
+                                                const uint8_t* bytes, std::size_t length) {
     std::vector<StreamEvent> events;
-    const auto key = std::make_pair(pid, section.header.table_id_extension);
+    const auto key = std::make_pair(pid, section.header.extension);
     auto found = last_.find(key);
     if (found != last_.end() && found->second.size() == length &&
         std::equal(found->second.begin(), found->second.end(), bytes))
@@ -176,7 +169,7 @@ std::vector<StreamEvent> StreamEventWatch::feed(int pid, const StreamDescriptorS
         if (d.tag != kDescriptorStreamEvent) continue;
         StreamEvent event;
         event.pid = pid;
-        event.table_id_extension = section.header.table_id_extension;
+        event.table_id_extension = section.header.extension;
         event.version = section.header.version;
         event.event_id = d.event_id;
         event.npt = d.event_npt;
@@ -186,4 +179,4 @@ std::vector<StreamEvent> StreamEventWatch::feed(int pid, const StreamDescriptorS
     return events;
 }
 
-}  // namespace tsdecode::dsmcc
+}  // namespace ts::dsmcc

@@ -9,10 +9,11 @@
 
 #include "dsmcc_builder.h"
 #include "ts_capture.h"
-#include "ts_dsmcc.h"
+#include "ts_decode.h"
 
 using namespace appmgr::test;
-using namespace tsdecode::dsmcc;
+using namespace ts::dsmcc;
+using ts::Skipped;
 namespace b = appmgr::test::build;
 
 namespace {
@@ -32,8 +33,8 @@ std::vector<std::string> paths(const CarouselTree& tree) {
 }
 
 TEST(CapturedCarousel, TheTestSuitesStreamEventPage) {
-    std::vector<std::string> log;
-    ObjectCarousel carousel(0x138E, {}, [&](const std::string& line) { log.push_back(line); });
+    TsLogLines log;
+    ObjectCarousel carousel(0x138E);
     std::vector<ModuleChange> changes;
     for (const PidSection& s :
          read_ts_sections(stream_event_data("mitxp-hbbtv-testsuite/imuxcfg_tsfiles_sevent.m2ts"), {0x138E})) {
@@ -50,7 +51,7 @@ TEST(CapturedCarousel, TheTestSuitesStreamEventPage) {
     EXPECT_EQ(counts.sections, 170u);
     EXPECT_EQ(counts.modules_complete, 1u);
     EXPECT_EQ(counts.skipped, 0u);
-    EXPECT_TRUE(log.empty());
+    EXPECT_TRUE(log.lines().empty());
     EXPECT_TRUE(carousel.incomplete_modules().empty());
 
     const CarouselTree tree = carousel.tree();
@@ -118,15 +119,10 @@ protected:
         }
         return all;
     }
-    int logged(const std::string& part) const {
-        return static_cast<int>(std::count_if(log_.begin(), log_.end(), [&](const std::string& l) {
-            return l.find(part) != std::string::npos;
-        }));
-    }
+    int logged(const std::string& part) const { return log_.count(part); }
 
-    std::vector<std::string> log_;
-    CarouselLimits limits_;
-    ObjectCarousel carousel_{0x100, limits_, [this](const std::string& line) { log_.push_back(line); }};
+    TsLogLines log_;
+    ObjectCarousel carousel_{0x100};
 };
 
 TEST_F(BuiltCarousel, ModulesInAnyOrderThenANewVersion) {
@@ -293,12 +289,13 @@ TEST_F(BuiltCarousel, NamesThatCannotBePathsAndCyclesAreLeftOut) {
 
 // Memory stays within the limits whatever the DIIs announce.
 TEST(CarouselLimits, AnnouncementsDoNotBuyMemory) {
-    std::vector<std::string> log;
+    TsLogLines log_lines;
+    const std::vector<std::string>& log = log_lines.lines();
     CarouselLimits limits;
     limits.max_module_size = 1000;
     limits.max_carousel_bytes = 400;
     limits.max_early_block_bytes = 100;
-    ObjectCarousel carousel(0x100, limits, [&](const std::string& l) { log.push_back(l); });
+    ObjectCarousel carousel(0x100, limits);
     auto feed = [&](const Bytes& s) { return carousel.feed(s.data(), s.size()); };
     feed(b::dii(7, 100, {{1, 5000000, 0}, {2, 900, 0}, {3, 900, 0, true, 4000000}}));
     ASSERT_EQ(log.size(), 2u);

@@ -9,10 +9,11 @@
 
 #include "dsmcc_builder.h"
 #include "ts_capture.h"
-#include "ts_dsmcc.h"
+#include "ts_decode.h"
 
 using namespace appmgr::test;
-using namespace tsdecode::dsmcc;
+using namespace ts::dsmcc;
+using ts::Skipped;
 
 namespace {
 
@@ -94,7 +95,7 @@ TEST(StreamDescriptors, EveryDescriptorKindAsTsduckDecodesIt) {
     EXPECT_TRUE(decoded.skipped.empty());
     const auto& d = decoded.value.descriptors;
     ASSERT_EQ(d.size(), 7u);
-    EXPECT_EQ(decoded.value.header.table_id_extension, 0xFFFF);
+    EXPECT_EQ(decoded.value.header.extension, 0xFFFF);
 
     // The NPT values of the reference (test-033.tstabdump.txt).
     EXPECT_EQ(d[0].tag, kDescriptorNptReference);

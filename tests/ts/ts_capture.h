@@ -22,6 +22,21 @@ std::vector<PidSection> read_ts_sections(const std::string& path, const std::vec
 std::vector<PidSection> read_section_file(const std::string& path);
 std::vector<std::uint8_t> read_bytes(const std::string& path);
 
+// Collects the decoders' log lines (ts::log) while it exists.
+class TsLogLines {
+public:
+    TsLogLines();
+    ~TsLogLines();
+    TsLogLines(const TsLogLines&) = delete;
+    TsLogLines& operator=(const TsLogLines&) = delete;
+    const std::vector<std::string>& lines() const { return lines_; }
+    // Lines that contain `part`.
+    int count(const std::string& part) const;
+
+private:
+    std::vector<std::string> lines_;
+};
+
 // A file of the stream-event and carousel test data (tests/data/streamevents).
 std::string stream_event_data(const std::string& relative);
 

@@ -584,4 +584,315 @@ private:
     bool result_ = true;
 };
 
+// ---- DSM-CC: object carousels and stream events ------------------------------------
+//
+// The carousel (tables 0x3B and 0x3C) and the stream descriptors (0x3D) of
+// a capture, in layers:
+// - section decoders: pure functions from one whole section to a record plus
+//   what was skipped and why (Decoded<T>); each record has a text dump;
+// - ModuleAssembler / inflate_module: the blocks of one module version in
+//   any order, checked against its DII, inflated when compressed; never more
+//   memory than the module's stated size;
+// - decode_biop_module: the objects a module carries (service gateway,
+//   directories, files, streams, stream events);
+// - ObjectCarousel: all of it for one PID, and the tree of names walked from
+//   the service gateway, with the module versions that completed;
+// - StreamEventWatch: the events of 0x3D sections that are new (a broadcast
+//   repeats each section);
+// - DsmccCollector: the carousels and stream events of a Capture, with the
+//   component tag of each PID;
+// - write_carousel: a tree as files, the way the simulated carousel serves
+//   a directory (CapturePlayer publishes carousels so).
+// Nothing keeps a pointer into a section after the call returns, and
+// nothing reads outside the bytes it was given.
+namespace dsmcc {
+
+using Bytes = std::vector<uint8_t>;
+
+// The result of a decoder: `ok` false means nothing usable came out
+// (`skipped` says why); `ok` true may still list parts that were skipped.
+template <typename T>
+struct Decoded {
+    bool ok = false;
+    T value{};
+    Skipped skipped;
+};
+
+constexpr uint8_t kTableDownloadControl = 0x3B;    // DSI and DII
+constexpr uint8_t kTableDownloadData = 0x3C;       // DDB
+constexpr uint8_t kTableStreamDescriptors = 0x3D;  // stream events, NPT
+
+// ---- download messages (0x3B, 0x3C) -----------------------------------------
+
+constexpr uint16_t kMessageDii = 0x1002;
+constexpr uint16_t kMessageDdb = 0x1003;
+constexpr uint16_t kMessageDsi = 0x1006;
+
+// Tap uses that matter here.
+constexpr uint16_t kTapDeliveryParameters = 0x0016;  // the DII of a carousel
+constexpr uint16_t kTapObject = 0x0017;              // the DDBs of a module
+constexpr uint16_t kTapStreamNpt = 0x000B;
+constexpr uint16_t kTapStreamStatusAndEvent = 0x000C;
+constexpr uint16_t kTapStreamEvent = 0x000D;
+constexpr uint16_t kTapStreamStatus = 0x000E;
+
+struct Tap {
+    uint16_t id = 0;
+    uint16_t use = 0;
+    uint16_t association_tag = 0;
+    Bytes selector;
+};
+
+// An object reference (IOR) with its BIOP profile: where the object is
+// (carousel, module, key) and the taps that lead to it.
+struct ObjectRef {
+    std::string kind;  // "srg", "dir", "fil", "str", "ste" (long type ids mapped to these)
+    bool located = false;
+    uint32_t carousel_id = 0;
+    uint16_t module_id = 0;
+    uint8_t version_major = 0;
+    uint8_t version_minor = 0;
+    Bytes object_key;
+    std::vector<Tap> taps;
+};
+
+struct Dsi {
+    uint32_t transaction_id = 0;
+    ObjectRef service_gateway;
+};
+
+struct ModuleInfo {
+    uint16_t module_id = 0;
+    uint32_t size = 0;  // as carried (compressed size for a compressed module)
+    uint8_t version = 0;
+    uint32_t module_timeout = 0;
+    uint32_t block_timeout = 0;
+    uint32_t min_block_time = 0;
+    std::vector<Tap> taps;
+    bool compressed = false;
+    uint8_t compression_method = 0;
+    uint32_t original_size = 0;  // compressed modules: the inflated size
+};
+
+struct Dii {
+    uint32_t transaction_id = 0;
+    uint32_t download_id = 0;
+    uint16_t block_size = 0;
+    std::vector<ModuleInfo> modules;
+};
+
+struct Ddb {
+    uint32_t download_id = 0;
+    uint16_t module_id = 0;
+    uint8_t module_version = 0;
+    uint16_t block_number = 0;
+    Bytes data;
+};
+
+// The message id of a download section (0x3B or 0x3C), 0 when it has none.
+uint16_t download_message_id(const uint8_t* section, std::size_t length);
+Decoded<Dsi> decode_dsi(const uint8_t* section, std::size_t length);
+Decoded<Dii> decode_dii(const uint8_t* section, std::size_t length);
+Decoded<Ddb> decode_ddb(const uint8_t* section, std::size_t length);
+std::string dump(const Dsi& dsi);
+std::string dump(const Dii& dii);
+std::string dump(const Ddb& ddb);
+
+// ---- modules ------------------------------------------------------------------
+
+// Collects the blocks of one module version. Memory grows only with the
+// blocks that arrived and never beyond the module's stated size.
+class ModuleAssembler {
+public:
+    ModuleAssembler(const ModuleInfo& module, uint16_t block_size);
+
+    enum class Result { Added, Repeated, Refused };
+    // `why` (may be null) receives the reason of a refusal.
+    Result add(const Ddb& block, std::string* why);
+    bool complete() const { return received_blocks_ == blocks_.size(); }
+    std::size_t received_blocks() const { return received_blocks_; }
+    std::size_t total_blocks() const { return blocks_.size(); }
+    std::size_t received_bytes() const { return received_bytes_; }
+    // The module's bytes in block order; empty until complete.
+    Bytes assemble() const;
+
+private:
+    ModuleInfo module_;
+    uint16_t block_size_ = 0;
+    std::vector<Bytes> blocks_;
+    std::vector<bool> present_;
+    std::size_t received_blocks_ = 0;
+    std::size_t received_bytes_ = 0;
+};
+
+// Inflates a compressed module (zlib). It must inflate to exactly
+// `stated_size` bytes: more is refused as soon as it shows, without
+// inflating further.
+Decoded<Bytes> inflate_module(const uint8_t* data, std::size_t size, std::size_t stated_size);
+
+// ---- BIOP objects -----------------------------------------------------------------
+
+struct Binding {
+    std::string name;
+    std::string kind;
+    uint8_t binding_type = 0;  // 1 object, 2 context
+    ObjectRef ref;
+};
+
+struct BiopObject {
+    Bytes key;
+    std::string kind;                      // "srg", "dir", "fil", "str", "ste"
+    std::vector<Binding> bindings;         // srg, dir
+    Bytes content;                         // fil
+    std::vector<std::string> event_names;  // ste
+    std::vector<uint16_t> event_ids;  // ste, in the order of the names
+    std::vector<Tap> taps;                 // str, ste
+};
+
+// The BIOP messages of a whole module, in order. A message that does not fit
+// ends the walk (the messages before it are kept); objects of an unknown
+// kind are skipped.
+Decoded<std::vector<BiopObject>> decode_biop_module(const uint8_t* data, std::size_t size);
+std::string dump(const BiopObject& object);
+
+// ---- the carousel of one PID ---------------------------------------------------------
+
+struct CarouselLimits {
+    std::size_t max_module_size = 16u << 20;    // stated or inflated
+    std::size_t max_carousel_bytes = 64u << 20; // blocks held plus module contents
+    std::size_t max_early_block_bytes = 4u << 20; // DDBs that came before their DII
+    std::size_t max_depth = 32;                 // directory levels
+    std::size_t max_entries = 65536;            // named objects in the tree
+};
+
+struct CarouselEntry {
+    enum class Kind { Directory, File, Stream, StreamEvent };
+    Kind kind = Kind::File;
+    std::string path;  // "" for the service gateway, "dir/name" below it
+    uint16_t module_id = 0;
+    uint8_t module_version = 0;
+    std::shared_ptr<const BiopObject> object;  // content, events and taps
+};
+const char* kind_name(CarouselEntry::Kind kind);
+
+struct CarouselTree {
+    bool has_gateway = false;  // false until DSI and the gateway's module arrived
+    uint32_t carousel_id = 0;
+    // The association tag the carousel's own taps name (its component tag
+    // when the broadcaster follows the usual rule), -1 when none does.
+    int association_tag = -1;
+    std::vector<CarouselEntry> entries;  // depth first, in carousel order
+    // Objects that are bound in a directory but whose module has not
+    // arrived (complete) yet, as "path (module N)".
+    std::vector<std::string> missing;
+    // Bindings left out of the tree and why (unusable names, cycles,
+    // objects of another carousel, limits).
+    Skipped skipped;
+};
+
+struct ModuleChange {
+    uint16_t module_id = 0;
+    uint8_t version = 0;
+    bool replaced = false;      // an earlier version was complete before
+    bool directories = false;   // it carries a directory or the service gateway
+};
+
+struct CarouselCounts {
+    uint64_t sections = 0;
+    uint64_t dsi = 0;
+    uint64_t dii = 0;
+    uint64_t ddb = 0;
+    uint64_t modules_complete = 0;  // module versions assembled and decoded
+    uint64_t modules_replaced = 0;  // ... of which replaced an earlier version
+    uint64_t skipped = 0;           // every skip below, each logged once per cause
+};
+
+// Everything on one PID's download sections: the DSI, the DIIs and the
+// modules their DDBs assemble. Not thread-safe; one owner feeds it.
+class ObjectCarousel {
+public:
+    // Skips are logged (level 3) once per distinct reason and counted
+    // every time.
+    explicit ObjectCarousel(int pid, CarouselLimits limits = {});
+    ~ObjectCarousel();
+    ObjectCarousel(const ObjectCarousel&) = delete;
+    ObjectCarousel& operator=(const ObjectCarousel&) = delete;
+
+    int pid() const;
+    // One whole section of table 0x3B or 0x3C; others are counted and
+    // skipped. Returns the module versions this section completed.
+    std::vector<ModuleChange> feed(const uint8_t* section, std::size_t length);
+    // The named objects reachable from the service gateway now.
+    CarouselTree tree() const;
+    CarouselCounts counts() const;
+    // Modules a DII announced that are not complete, as
+    // "module N version V: B of T blocks", for the end of a capture.
+    std::vector<std::string> incomplete_modules() const;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+// ---- stream descriptors (0x3D) ----------------------------------------------------------
+
+constexpr uint8_t kDescriptorNptReference = 0x17;
+constexpr uint8_t kDescriptorNptEndpoint = 0x18;
+constexpr uint8_t kDescriptorStreamMode = 0x19;
+constexpr uint8_t kDescriptorStreamEvent = 0x1A;
+
+struct StreamDescriptor {
+    uint8_t tag = 0;
+    // NPT reference
+    bool post_discontinuity = false;
+    uint8_t content_id = 0;
+    uint64_t stc_reference = 0;
+    uint64_t npt_reference = 0;
+    uint16_t scale_numerator = 0;
+    uint16_t scale_denominator = 0;
+    // NPT endpoint
+    uint64_t start_npt = 0;
+    uint64_t stop_npt = 0;
+    // stream mode
+    uint8_t stream_mode = 0;
+    // stream event
+    uint16_t event_id = 0;
+    uint64_t event_npt = 0;
+    Bytes private_data;
+};
+
+struct StreamDescriptorSection {
+    SectionHeader header;  // extension, version, number of the section
+    std::vector<StreamDescriptor> descriptors;  // the four kinds above, in order
+};
+Decoded<StreamDescriptorSection> decode_stream_descriptors(const uint8_t* section,
+                                                           std::size_t length);
+std::string dump(const StreamDescriptorSection& section);
+
+struct StreamEvent {
+    int pid = 0;
+    uint16_t table_id_extension = 0;
+    uint8_t version = 0;
+    uint16_t event_id = 0;
+    uint64_t npt = 0;
+    Bytes data;
+};
+// "streamevent pid=0x138f event=1 npt=0x000000000 data=48656c6c6f version=0"
+std::string event_line(const StreamEvent& event);
+
+// Tells new events from repeats: a 0x3D section brings new events when it
+// differs from the last one seen on its PID and table id extension (a new
+// version, or new content under the same version). Repeated sections, as a
+// broadcast sends them several times, bring none.
+class StreamEventWatch {
+public:
+    std::vector<StreamEvent> feed(int pid, const StreamDescriptorSection& section,
+                                  const uint8_t* bytes, std::size_t length);
+
+private:
+    std::map<std::pair<int, uint16_t>, Bytes> last_;
+};
+
+}  // namespace dsmcc
+
 }  // namespace ts
