@@ -345,6 +345,13 @@ ObjectCarousel::~ObjectCarousel() = default;
 
 int ObjectCarousel::pid() const { return state_->pid; }
 
+int ObjectCarousel::association_tag() const {
+    if (!state_->has_dsi) return -1;
+    for (const Tap& tap : state_->dsi.service_gateway.taps)
+        if (tap.use == kTapDeliveryParameters) return tap.association_tag;
+    return -1;
+}
+
 std::vector<ModuleChange> ObjectCarousel::feed(const uint8_t* section, std::size_t length) {
     std::vector<ModuleChange> changes;
     State& s = *state_;
@@ -381,11 +388,7 @@ CarouselTree ObjectCarousel::tree() const {
     if (!s.has_dsi) return tree;
     const ObjectRef& gateway_ref = s.dsi.service_gateway;
     tree.carousel_id = gateway_ref.carousel_id;
-    for (const Tap& tap : gateway_ref.taps)
-        if (tap.use == kTapDeliveryParameters) {
-            tree.association_tag = tap.association_tag;
-            break;
-        }
+    tree.association_tag = association_tag();
     const ModuleSlot* slot = nullptr;
     auto gateway = s.find_object(gateway_ref, &slot);
     if (!gateway) {

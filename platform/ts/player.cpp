@@ -60,6 +60,7 @@ bool CapturePlayer::open(const PlayerOptions& options) {
         error_ = reader_.error();
         return false;
     }
+    attach_dsmcc();
     return true;
 }
 

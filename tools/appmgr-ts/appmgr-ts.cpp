@@ -3,6 +3,9 @@
 //   appmgr-ts list FILE                  services, their PIDs, per-table counts
 //   appmgr-ts ait FILE [--service SID]   AIT versions and their applications
 //   appmgr-ts eit FILE [--service SID]   distinct EIT events
+//   appmgr-ts carousel FILE [--out DIR]  object carousels: their trees, and
+//                                        their files under DIR/<tag in hex>/
+//   appmgr-ts events FILE                distinct stream events
 //
 // FILE is a file, "-" (standard input) or udp://127.0.0.1:PORT. Problems
 // with the input are logged to stderr and counted; the output stays on
@@ -12,6 +15,7 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,6 +27,7 @@ struct Options {
     std::string source;
     int service = -1;
     bool dump = false;     // ait: every decoded field of each section too
+    std::string out;       // carousel: where the files go
     bool realtime = false;
     int udp_idle_ms = 5000;
 };
@@ -149,6 +154,67 @@ int eit(const Options& options) {
     return play(options, capture) ? 0 : 1;
 }
 
+int carousel(const Options& options) {
+    ts::Capture capture;
+    ts::dsmcc::DsmccCollector collector(capture);
+    if (!play(options, capture)) return 1;
+    int status = 0;
+    for (const auto& [pid, c] : collector.carousels()) {
+        const int service = capture.service_of_pid(pid);
+        if (options.service >= 0 && service >= 0 && service != options.service) continue;
+        const int tag = collector.component_tag(pid);
+        const ts::dsmcc::CarouselTree tree = c->tree();
+        const ts::dsmcc::CarouselCounts counts = c->counts();
+        std::size_t files = 0, events = 0;
+        for (const auto& e : tree.entries) {
+            files += e.kind == ts::dsmcc::CarouselEntry::Kind::File;
+            events += e.kind == ts::dsmcc::CarouselEntry::Kind::StreamEvent;
+        }
+        std::cout << "carousel pid=" << hex(pid) << " tag="
+                  << (tag >= 0 ? hex(static_cast<unsigned>(tag)) : std::string("unknown"))
+                  << " service=" << (service >= 0 ? hex(static_cast<unsigned>(service), 4) : std::string("none"))
+                  << " carousel_id=" << hex(tree.carousel_id) << " complete=" << (tree.has_gateway ? 1 : 0)
+                  << " files=" << files << " stream_event_objects=" << events
+                  << " modules=" << counts.modules_complete << " missing=" << tree.missing.size()
+                  << " skipped=" << counts.skipped + tree.skipped.size() << '\n';
+        for (const auto& e : tree.entries) std::cout << "  " << ts::dsmcc::entry_line(tag, e) << '\n';
+        for (const auto& m : tree.missing) std::cout << "  missing " << quoted(m) << '\n';
+        for (const auto& m : c->incomplete_modules()) std::cout << "  incomplete " << quoted(m) << '\n';
+        for (const auto& r : tree.skipped) std::cout << "  skipped " << quoted(r) << '\n';
+        if (options.out.empty() || !tree.has_gateway) continue;
+        char name[16];
+        std::snprintf(name, sizeof name, "%x", tag >= 0 ? static_cast<unsigned>(tag) : 0u);
+        const std::string dir = options.out + "/" + (tag >= 0 ? name : "pid-" + hex(pid));
+        ts::Skipped problems;
+        if (!ts::dsmcc::write_carousel(tree, dir, &problems)) status = 1;
+        for (const auto& p : problems) std::cerr << "appmgr-ts: " << dir << ": " << p << '\n';
+    }
+    return status;
+}
+
+int events(const Options& options) {
+    ts::Capture capture;
+    ts::dsmcc::DsmccCollector collector(capture);
+    std::map<uint16_t, uint64_t> per_pid;
+    collector.on_stream_event([&](const ts::dsmcc::StreamEvent& e) {
+        const int service = capture.service_of_pid(static_cast<uint16_t>(e.pid));
+        if (options.service >= 0 && service >= 0 && service != options.service) return;
+        ++per_pid[static_cast<uint16_t>(e.pid)];
+        std::cout << ts::dsmcc::event_line(e) << '\n';
+    });
+    if (!play(options, capture)) return 1;
+    for (const auto& [pid, count] : per_pid) {
+        const int tag = collector.component_tag(pid);
+        std::cout << "streamevents pid=" << hex(pid)
+                  << " tag=" << (tag >= 0 ? hex(static_cast<unsigned>(tag)) : std::string("unknown"))
+                  << " events=" << count << '\n';
+    }
+    const auto& counts = collector.counts();
+    std::cout << "sections=" << counts.stream_sections << " events=" << counts.stream_events
+              << " skipped=" << counts.stream_skipped << '\n';
+    return 0;
+}
+
 struct Command {
     const char* name;
     const char* usage;
@@ -160,6 +226,8 @@ const std::vector<Command>& commands() {
         {"list", "list FILE", list},
         {"ait", "ait FILE [--service SID] [--dump]", ait},
         {"eit", "eit FILE [--service SID]", eit},
+        {"carousel", "carousel FILE [--out DIR] [--service SID]", carousel},
+        {"events", "events FILE [--service SID]", events},
     };
     return table;
 }
@@ -186,6 +254,8 @@ int main(int argc, char** argv) {
             const long sid = std::strtol(argv[++i], &end, 0);
             if (*end != '\0' || sid < 0 || sid > 0xFFFF) return usage();
             options.service = static_cast<int>(sid);
+        } else if (arg == "--out" && i + 1 < argc) {
+            options.out = argv[++i];
         } else if (arg == "--dump") {
             options.dump = true;
         } else if (arg == "--realtime") {

@@ -78,6 +78,15 @@ int hbb_sim_fire_module_update(unsigned short module_id, unsigned char is_dir_re
  * (0 to 65535); NULL removes the tag's carousel. 0 on success, -1 for a bad
  * tag or a path that is not a directory. */
 int hbb_sim_set_carousel(int component_tag, const char* directory);
+/* The modules that carry the entries of a tag's carousel, as a real
+ * carousel numbers them: paths[i] ("" for the root, "dir/name" below it;
+ * a stream-event object by its name, without ".ste") is carried in
+ * modules[i]. DSMCC_LoaderGetEntryInfo reports these numbers; entries not
+ * listed keep the derived ones. The list replaces the tag's earlier one
+ * (count 0 clears it) and goes with hbb_sim_set_carousel(tag, NULL). 0, or
+ * -1 for a bad tag or null arrays. */
+int hbb_sim_set_carousel_modules(int component_tag, const char* const* paths,
+                                 const unsigned short* modules, int count);
 /* Removes every carousel and unmounts; no breaks stay pending. */
 void hbb_sim_clear_carousels(void);
 /* The next `count` loader calls (of any kind) report DSMCC_LOADER_BREAK and
@@ -345,6 +354,12 @@ int hbb_sim_stream_event_subscribed(const char* url, const char* name, int* comp
  * the notifier thread. Returns the number of subscriptions reached. */
 int hbb_sim_fire_stream_event(const char* url, const char* name, int status, const void* payload,
                               int length);
+/* The same for an event of a carousel's stream-event object: every
+ * subscription of the first kind for this event name whose URL names the
+ * object at `path` ("dir/name", decoded) of the carousel of component_tag,
+ * whatever the rest of its locator. */
+int hbb_sim_fire_carousel_stream_event(int component_tag, const char* path, const char* name,
+                                       int status, const void* payload, int length);
 /* The same for events as the broadcast identifies them: every WOC
  * subscription with this component tag and event id. */
 int hbb_sim_fire_stream_event_by_id(int component_tag, int event_id, int status,

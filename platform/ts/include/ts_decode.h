@@ -508,6 +508,15 @@ private:
 
 // ---- playing a capture into the simulated receiver -------------------------------------
 
+namespace dsmcc {
+class DsmccCollector;
+}
+// The carousels and stream events a player feeds (dsmcc_player.cpp).
+struct DsmccFeed;
+struct DsmccFeedDeleter {
+    void operator()(DsmccFeed* feed) const;
+};
+
 struct PlayerOptions {
     std::string source;   // file, "-" or "udp://127.0.0.1:PORT"
     int service = -1;     // service id; -1: the first whose PMT signals an HbbTV AIT
@@ -515,6 +524,16 @@ struct PlayerOptions {
     bool broadband = true;  // false: carousel transports are preferred
     bool feed_channels = true;
     bool feed_eit = true;
+    // Object carousels are written into generations of a directory below
+    // carousel_dir ("": a fresh one under $TMPDIR or /tmp, removed with the
+    // player) and served as the carousels of their component tags; a module
+    // that changes version serves a new generation and fires the module
+    // update notification.
+    bool feed_carousels = true;
+    std::string carousel_dir;
+    // Stream events fire the listeners subscribed to them: by component tag
+    // and event id, and through the carousel's stream-event objects by name.
+    bool feed_stream_events = true;
     int udp_idle_ms = 5000;
 };
 
@@ -527,6 +546,11 @@ struct PlayerStats {
     uint64_t eit_fed = 0;            // events added to the EIT cache
     uint64_t eit_unrepresentable = 0;  // start outside the cache's 32-bit time
     uint64_t channels_added = 0;
+    uint64_t carousel_modules = 0;     // module versions completed
+    uint64_t carousels_served = 0;     // trees handed to the simulated carousel
+    uint64_t module_updates = 0;       // module update notifications fired
+    uint64_t stream_events = 0;        // new stream events of the service
+    uint64_t stream_event_listeners = 0;  // subscriptions they reached
 };
 
 // Plays a capture into the simulated receiver: the services become
@@ -563,6 +587,12 @@ public:
     const AitTable* last_ait() const { return last_ait_.get(); }
     // Called after each AIT version was handed over (on the playing thread).
     void on_ait_delivered(std::function<void(const AitTable&)> fn) { delivered_fn_ = std::move(fn); }
+    // The carousels and stream events seen (read it after wait(), or while
+    // nothing plays); null before open().
+    const dsmcc::DsmccCollector* dsmcc() const;
+    // The directory the carousel of a component tag is served from now, ""
+    // when none.
+    std::string carousel_directory(int component_tag) const;
 
 private:
     void ait_version(const AitVersion& version);
@@ -582,6 +612,9 @@ private:
     std::function<void(const AitTable&)> delivered_fn_;
     std::thread thread_;
     bool result_ = true;
+    // Last: it feeds on capture_ and goes first.
+    void attach_dsmcc();
+    std::unique_ptr<DsmccFeed, DsmccFeedDeleter> dsmcc_;
 };
 
 // ---- DSM-CC: object carousels and stream events ------------------------------------
@@ -819,6 +852,10 @@ public:
     ObjectCarousel& operator=(const ObjectCarousel&) = delete;
 
     int pid() const;
+    // The association tag the carousel's DSI names for its DII (its
+    // component tag when the broadcaster follows the usual rule), -1 before
+    // a DSI or when it names none.
+    int association_tag() const;
     // One whole section of table 0x3B or 0x3C; others are counted and
     // skipped. Returns the module versions this section completed.
     std::vector<ModuleChange> feed(const uint8_t* section, std::size_t length);
@@ -892,6 +929,76 @@ public:
 private:
     std::map<std::pair<int, uint16_t>, Bytes> last_;
 };
+
+// ---- a capture's carousels and stream events ----
+
+// The carousels and stream events of a Capture. It registers its handlers
+// on the capture's demux (which also finds the PIDs of these tables when no
+// PMT names them), so it must live as long as the capture is fed.
+class DsmccCollector {
+public:
+    explicit DsmccCollector(Capture& capture, CarouselLimits limits = {});
+    ~DsmccCollector();
+    DsmccCollector(const DsmccCollector&) = delete;
+    DsmccCollector& operator=(const DsmccCollector&) = delete;
+
+    // Called when a section completed module versions of a carousel.
+    void on_carousel_change(std::function<void(const ObjectCarousel&, const std::vector<ModuleChange>&)> fn) {
+        carousel_fn_ = std::move(fn);
+    }
+    // Called for each new stream event.
+    void on_stream_event(std::function<void(const StreamEvent&)> fn) { event_fn_ = std::move(fn); }
+
+    // By PID.
+    const std::map<uint16_t, std::unique_ptr<ObjectCarousel>>& carousels() const { return carousels_; }
+    // The component tag of a PID: its stream identifier in a PMT; without
+    // one, for a carousel the association tag of its DSI, and for stream
+    // events the tag the carousels' stream-event objects name when they name
+    // just one tag not otherwise placed and this is the only stream-event PID
+    // without a tag. -1 when unknown.
+    int component_tag(uint16_t pid) const;
+
+    struct Counts {
+        uint64_t stream_sections = 0;
+        uint64_t stream_events = 0;   // new events (repeats not counted)
+        uint64_t stream_skipped = 0;  // descriptors or sections skipped
+        uint64_t carousels_refused = 0;  // sections of PIDs beyond the carousel limit
+    };
+    const Counts& counts() const { return counts_; }
+
+private:
+    void download_section(const Section& section);
+    void stream_section(const Section& section);
+    int pmt_tag(uint16_t pid) const;
+
+    Capture& capture_;
+    CarouselLimits limits_;
+    std::map<uint16_t, std::unique_ptr<ObjectCarousel>> carousels_;
+    std::set<uint16_t> stream_pids_;
+    std::set<int> event_tags_;  // named by the carousels' stream-event objects
+    StreamEventWatch watch_;
+    std::set<std::string> logged_;
+    Counts counts_;
+    std::function<void(const ObjectCarousel&, const std::vector<ModuleChange>&)> carousel_fn_;
+    std::function<void(const StreamEvent&)> event_fn_;
+};
+
+// Writes a tree under `dir` (created when missing) the way the simulated
+// carousel serves a directory: directories as directories, files with their
+// bytes, and a stream-event object NAME as the file "NAME.ste" with one
+// event name per line. Streams have no file form and are left out.
+// Existing files are replaced; symbolic links are never followed. False
+// when something could not be written; `problems` (may be null) lists what
+// was left out or failed.
+bool write_carousel(const CarouselTree& tree, const std::string& dir, Skipped* problems);
+
+// One line per entry of a carousel, e.g.
+// `file tag=0x17 path="/base.css" size=369 module=1 version=1`
+// `ste tag=0x17 path="/sevent" events=badid:2,testevent:1 event_tag=0x13 module=1 version=1`
+std::string entry_line(int component_tag, const CarouselEntry& entry);
+// The tag of the stream whose events a stream-event (or stream) object
+// names, -1 when none of its taps does.
+int event_stream_tag(const BiopObject& object);
 
 }  // namespace dsmcc
 
