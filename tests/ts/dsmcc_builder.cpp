@@ -2,6 +2,10 @@
 
 #include <zlib.h>
 
+#include <map>
+
+#include "ts_decode.h"
+
 namespace appmgr::test::build {
 
 namespace {
@@ -258,6 +262,42 @@ Bytes stream_event_section(std::uint16_t table_id_extension, std::uint8_t versio
     put32(payload, static_cast<std::uint32_t>(npt));
     append(payload, data);
     return section(0x3D, table_id_extension, version, 0, payload);
+}
+
+Bytes pat(std::uint16_t tsid, std::uint16_t program, std::uint16_t pmt_pid) {
+    Bytes payload;
+    put16(payload, program);
+    put16(payload, 0xE000 | pmt_pid);
+    return section(0x00, tsid, 0, 0, payload);
+}
+
+Bytes pmt(std::uint16_t program, const std::vector<Component>& components) {
+    Bytes payload;
+    put16(payload, 0xE000 | 0x1FFF);  // no PCR
+    put16(payload, 0xF000);           // no program descriptors
+    for (const Component& c : components) {
+        put8(payload, c.stream_type);
+        put16(payload, 0xE000 | c.pid);
+        if (c.tag >= 0) {
+            put16(payload, 0xF000 | 3);
+            put8(payload, 0x52);
+            put8(payload, 1);
+            put8(payload, static_cast<unsigned>(c.tag));
+        } else {
+            put16(payload, 0xF000);
+        }
+    }
+    return section(0x02, program, 0, 0, payload);
+}
+
+Bytes transport_stream(const std::vector<std::pair<std::uint16_t, Bytes>>& sections) {
+    Bytes out;
+    std::map<std::uint16_t, std::uint8_t> counters;
+    for (const auto& [pid, s] : sections) {
+        const Bytes packets = ts::packetize_section(pid, s.data(), s.size(), &counters[pid]);
+        out.insert(out.end(), packets.begin(), packets.end());
+    }
+    return out;
 }
 
 void set_crc(Bytes& s) {

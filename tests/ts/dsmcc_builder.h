@@ -54,6 +54,17 @@ std::vector<Bytes> ddbs(std::uint32_t download_id, std::uint16_t module, std::ui
 // A 0x3D section with one stream-event descriptor.
 Bytes stream_event_section(std::uint16_t table_id_extension, std::uint8_t version, std::uint16_t event_id,
                            std::uint64_t npt, const Bytes& data);
+// A PAT of one program and its PMT, whose components carry a stream
+// identifier (component tag) each.
+struct Component {
+    std::uint8_t stream_type = 0x0B;
+    std::uint16_t pid = 0;
+    int tag = -1;  // -1: no stream identifier
+};
+Bytes pat(std::uint16_t tsid, std::uint16_t program, std::uint16_t pmt_pid);
+Bytes pmt(std::uint16_t program, const std::vector<Component>& components);
+// Sections on their PIDs as 188-byte packets, in the given order.
+Bytes transport_stream(const std::vector<std::pair<std::uint16_t, Bytes>>& sections);
 // Sets the last four bytes of a section to its CRC.
 void set_crc(Bytes& section);
 
