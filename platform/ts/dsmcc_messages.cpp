@@ -29,8 +29,10 @@ struct MessageHeader {
     Reader body{nullptr, 0};
 };
 
-bool read_message_header(const uint8_t* section, std::size_t length, uint8_t table_id,
-                         MessageHeader& out, Skipped& skipped) {
+// Reads the message header of a download section and checks that it
+// starts the expected message.
+bool read_message_header(const uint8_t* section, std::size_t length, uint8_t table_id, uint16_t message_id,
+                         const char* message_name, MessageHeader& out, Skipped& skipped) {
     SectionHeader header;
     Reader r(nullptr, 0);
     if (!section_payload(section, length, table_id, header, r, skipped)) return false;
@@ -60,6 +62,10 @@ bool read_message_header(const uint8_t* section, std::size_t length, uint8_t tab
     if (adaptation_length > message_length) {
         skipped.push_back("message header: adaptation length " + std::to_string(adaptation_length) +
                           " exceeds the message length " + std::to_string(message_length));
+        return false;
+    }
+    if (out.message_id != message_id) {
+        skipped.push_back("message " + hex(out.message_id, 4) + " is not a " + message_name);
         return false;
     }
     r.skip(adaptation_length);
@@ -211,11 +217,7 @@ uint16_t download_message_id(const uint8_t* section, std::size_t length) {
 Decoded<Dsi> decode_dsi(const uint8_t* section, std::size_t length) {
     Decoded<Dsi> out;
     MessageHeader m;
-    if (!read_message_header(section, length, kTableDownloadControl, m, out.skipped)) return out;
-    if (m.message_id != kMessageDsi) {
-        out.skipped.push_back("message " + hex(m.message_id, 4) + " is not a DSI");
-        return out;
-    }
+    if (!read_message_header(section, length, kTableDownloadControl, kMessageDsi, "DSI", m, out.skipped)) return out;
     out.value.transaction_id = m.transaction_id;
     Reader& r = m.body;
     uint16_t compatibility_length = 0, private_length = 0;
@@ -290,11 +292,7 @@ void read_module_info(Reader& r, ModuleInfo& module, Skipped& skipped) {
 Decoded<Dii> decode_dii(const uint8_t* section, std::size_t length) {
     Decoded<Dii> out;
     MessageHeader m;
-    if (!read_message_header(section, length, kTableDownloadControl, m, out.skipped)) return out;
-    if (m.message_id != kMessageDii) {
-        out.skipped.push_back("message " + hex(m.message_id, 4) + " is not a DII");
-        return out;
-    }
+    if (!read_message_header(section, length, kTableDownloadControl, kMessageDii, "DII", m, out.skipped)) return out;
     Dii& dii = out.value;
     dii.transaction_id = m.transaction_id;
     Reader& r = m.body;
@@ -341,11 +339,7 @@ Decoded<Dii> decode_dii(const uint8_t* section, std::size_t length) {
 Decoded<Ddb> decode_ddb(const uint8_t* section, std::size_t length) {
     Decoded<Ddb> out;
     MessageHeader m;
-    if (!read_message_header(section, length, kTableDownloadData, m, out.skipped)) return out;
-    if (m.message_id != kMessageDdb) {
-        out.skipped.push_back("message " + hex(m.message_id, 4) + " is not a DDB");
-        return out;
-    }
+    if (!read_message_header(section, length, kTableDownloadData, kMessageDdb, "DDB", m, out.skipped)) return out;
     Ddb& ddb = out.value;
     ddb.download_id = m.transaction_id;
     Reader& r = m.body;
