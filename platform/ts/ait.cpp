@@ -225,7 +225,7 @@ bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* 
                                     break;
                                 }
                                 case 0x16:
-                                    if (d.has(1)) ait.common_usage_type = d.u8();
+                                    if (d.has(1)) ait.common_usage_types.push_back(d.u8());
                                     break;
                                 case 0x55: decode_ratings(d, &ait.common_ratings, skipped); break;
                                 default: ait.common_other_tags.push_back(tag);
@@ -273,9 +273,13 @@ bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* 
                                         app.location = d.text(d.left());
                                         break;
                                     case 0x16:
-                                        if (d.has(1)) app.usage_type = d.u8();
+                                        if (d.has(1)) app.usage_types.push_back(d.u8());
                                         break;
-                                    case 0x17: app.boundaries = decode_boundaries(d, skipped); break;
+                                    case 0x17: {
+                                        const auto prefixes = decode_boundaries(d, skipped);
+                                        app.boundaries.insert(app.boundaries.end(), prefixes.begin(), prefixes.end());
+                                        break;
+                                    }
                                     case 0x55: decode_ratings(d, &app.ratings, skipped); break;
                                     default: app.other_tags.push_back(tag);
                                 }
@@ -389,7 +393,7 @@ std::string dump_ait_app(const AitRecord& ait, const AitApplication& app, const 
     if (app.labels.empty())
         for (const auto& t : app.transports) transports += (transports.empty() ? "" : ",") + transport_text(t);
     if (!transports.empty()) line += " transports=" + transports;
-    if (app.usage_type >= 0) line += " usage=" + hex(static_cast<unsigned>(app.usage_type), 2);
+    for (int usage : app.usage_types) line += " usage=" + hex(static_cast<unsigned>(usage), 2);
     for (const auto& r : app.ratings) line += " rating=" + r.country + ":" + std::to_string(r.rating);
     return line;
 }
@@ -427,8 +431,8 @@ std::string dump_ait(const AitRecord& ait) {
         out += "\n";
     };
     for (const auto& t : ait.common_transports) transport(t, "  common ");
-    if (ait.common_usage_type >= 0)
-        out += "  common usage=" + hex(static_cast<unsigned>(ait.common_usage_type), 2) + "\n";
+    for (int usage : ait.common_usage_types)
+        out += "  common usage=" + hex(static_cast<unsigned>(usage), 2) + "\n";
     ratings(ait.common_ratings, "  common ");
     others(ait.common_other_tags, "  common ");
     for (const auto& app : ait.apps) {
@@ -450,7 +454,7 @@ std::string dump_ait(const AitRecord& ait) {
         for (const auto& t : app.transports) transport(t, "    ");
         if (app.has_location) out += "    location=" + detail::quoted(app.location) + "\n";
         for (const auto& b : app.boundaries) out += "    boundary=" + detail::quoted(b) + "\n";
-        if (app.usage_type >= 0) out += "    usage=" + hex(static_cast<unsigned>(app.usage_type), 2) + "\n";
+        for (int usage : app.usage_types) out += "    usage=" + hex(static_cast<unsigned>(usage), 2) + "\n";
         ratings(app.ratings, "    ");
         others(app.other_tags, "    ");
     }
