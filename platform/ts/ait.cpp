@@ -183,18 +183,11 @@ std::vector<std::string> decode_boundaries(Bytes b, Skipped* skipped) {
 }  // namespace
 
 bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* skipped) {
-    SectionHeader h;
-    std::string why;
-    // The CRC is checked here too, so the function is safe on any bytes.
-    detail::PsiSection checked(data, size, &h, &why);
-    if (!checked.get()) {
-        note(skipped, "AIT section skipped: " + why);
-        return false;
-    }
-    if (h.table_id != 0x74) {
-        note(skipped, "AIT section skipped: table id " + hex(h.table_id));
-        return false;
-    }
+    // The CRC is checked here too, so the function is safe on any bytes;
+    // the common descriptors length follows the common header.
+    detail::PsiSection checked(data, size, "AIT", 0x74, 0x74, 11, skipped);
+    if (!checked.get()) return false;
+    const SectionHeader& h = checked.header();
     AitRecord ait;
     ait.test = (data[3] & 0x80) != 0;
     ait.app_type = ((data[3] & 0x7F) << 8) | data[4];
@@ -206,10 +199,6 @@ bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* 
     ait.crc = (static_cast<uint32_t>(data[end]) << 24) | (static_cast<uint32_t>(data[end + 1]) << 16) |
               (static_cast<uint32_t>(data[end + 2]) << 8) | data[end + 3];
     Bytes body(data + 8, end - 8);
-    if (!body.has(2)) {
-        note(skipped, "AIT section skipped: no common descriptor loop");
-        return false;
-    }
     std::size_t common = body.u16() & 0x0FFF;
     if (!body.has(common)) {
         note(skipped, "AIT common descriptor loop runs past the section");

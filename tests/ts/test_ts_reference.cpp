@@ -346,6 +346,17 @@ std::string eit_fact(const ts::EitRecord& t, const ts::EitEvent& e) {
 }
 
 Facts tsduck_eit_facts(const std::string& text) {
+    static const std::regex table_start(R"(^\* EIT)");
+    static const std::regex service_re(R"(Service Id: (0x[0-9A-F]+))");
+    static const std::regex tsid_re(R"(TS Id: (0x[0-9A-F]+))");
+    static const std::regex onid_re(R"(Original Network Id: (0x[0-9A-F]+))");
+    static const std::regex event_re(R"(- Event Id: (0x[0-9A-F]+))");
+    static const std::regex start_re(R"(Start UTC: (\d+)/(\d+)/(\d+) (\S+))");
+    static const std::regex duration_re(R"(^\s+Duration: (\S+))");
+    static const std::regex language_re(R"(Language: (\w+))");
+    static const std::regex name_re(R"(Event name: (".*"))");
+    static const std::regex text_re(R"(Description: (".*"))");
+    static const std::regex content_re(R"(Content: (0x[0-9A-F]+))");
     Facts out;
     std::istringstream in(text);
     std::string line, service, tsid, onid, event;
@@ -356,21 +367,21 @@ Facts tsduck_eit_facts(const std::string& text) {
         event.clear();
     };
     while (std::getline(in, line)) {
-        if (std::regex_search(line, m, std::regex(R"(^\* EIT)"))) flush();
-        if (std::regex_search(line, m, std::regex(R"(Service Id: (0x[0-9A-F]+))"))) service = hex_of(m[1]);
-        if (std::regex_search(line, m, std::regex(R"(TS Id: (0x[0-9A-F]+))"))) tsid = hex_of(m[1]);
-        if (std::regex_search(line, m, std::regex(R"(Original Network Id: (0x[0-9A-F]+))"))) onid = hex_of(m[1]);
-        if (std::regex_search(line, m, std::regex(R"(- Event Id: (0x[0-9A-F]+))"))) {
+        if (std::regex_search(line, m, table_start)) flush();
+        if (std::regex_search(line, m, service_re)) service = hex_of(m[1]);
+        if (std::regex_search(line, m, tsid_re)) tsid = hex_of(m[1]);
+        if (std::regex_search(line, m, onid_re)) onid = hex_of(m[1]);
+        if (std::regex_search(line, m, event_re)) {
             flush();
             event = "service=" + service + " tsid=" + tsid + " onid=" + onid + " event=" + hex_of(m[1]);
         }
-        if (std::regex_search(line, m, std::regex(R"(Start UTC: (\d+)/(\d+)/(\d+) (\S+))")))
+        if (std::regex_search(line, m, start_re))
             event += " start=" + m[1].str() + "-" + m[2].str() + "-" + m[3].str() + "T" + m[4].str() + "Z";
-        if (std::regex_search(line, m, std::regex(R"(^\s+Duration: (\S+))"))) event += " duration=" + m[1].str();
-        if (std::regex_search(line, m, std::regex(R"(Language: (\w+))"))) event += " lang=" + m[1].str();
-        if (std::regex_search(line, m, std::regex(R"(Event name: (".*"))"))) event += " name=" + m[1].str();
-        if (std::regex_search(line, m, std::regex(R"(Description: (".*"))"))) event += " text=" + m[1].str();
-        if (std::regex_search(line, m, std::regex(R"(Content: (0x[0-9A-F]+))"))) event += " content=" + hex_of(m[1]);
+        if (std::regex_search(line, m, duration_re)) event += " duration=" + m[1].str();
+        if (std::regex_search(line, m, language_re)) event += " lang=" + m[1].str();
+        if (std::regex_search(line, m, name_re)) event += " name=" + m[1].str();
+        if (std::regex_search(line, m, text_re)) event += " text=" + m[1].str();
+        if (std::regex_search(line, m, content_re)) event += " content=" + hex_of(m[1]);
     }
     flush();
     return out;
@@ -399,6 +410,12 @@ TEST(EitReference, DatesAcross2038AndTheMjdWrapAgreeWithTsduck) {
 }
 
 TEST(EitReference, FrenchDttEpgAgreesWithTsduck) {
+    static const std::regex date_re(R"((\d{4})/(\d\d)/(\d\d))");
+    static const std::regex event_line_re(R"(^  (\S+) to \S+ \((\d+) mn\), event id: (0x[0-9A-F]+))");
+    static const std::regex title_re(R"(^    Title: (.*))");
+    static const std::regex extended_re(R"(^    Extended description: (.*))");
+    static const std::regex field_re(R"(^    (Title|Description): )");
+    static const std::regex wrapped_re(R"(^    (\S.*))");
     // TSDuck's EPG dump: a date line, then per event its start, duration in
     // minutes, id, title and descriptions.
     std::set<std::string> reference;
@@ -408,20 +425,20 @@ TEST(EitReference, FrenchDttEpgAgreesWithTsduck) {
         std::string line, date, current, text_of;
         std::smatch m;
         while (std::getline(in, line)) {
-            if (std::regex_match(line, m, std::regex(R"((\d{4})/(\d\d)/(\d\d))"))) {
+            if (std::regex_match(line, m, date_re)) {
                 date = m[1].str() + "-" + m[2].str() + "-" + m[3].str();
-            } else if (std::regex_search(line, m, std::regex(R"(^  (\S+) to \S+ \((\d+) mn\), event id: (0x[0-9A-F]+))"))) {
+            } else if (std::regex_search(line, m, event_line_re)) {
                 current = hex(static_cast<unsigned>(std::stoul(m[3], nullptr, 16))) + " start=" + date + "T" +
                           m[1].str() + "Z minutes=" + m[2].str();
                 text_of.clear();
-            } else if (std::regex_search(line, m, std::regex(R"(^    Title: (.*))"))) {
+            } else if (std::regex_search(line, m, title_re)) {
                 reference.insert(current + " title=" + m[1].str());
-            } else if (std::regex_search(line, m, std::regex(R"(^    Extended description: (.*))"))) {
+            } else if (std::regex_search(line, m, extended_re)) {
                 text_of = current.substr(0, current.find(' '));
                 extended[text_of] = m[1].str();
-            } else if (std::regex_search(line, m, std::regex(R"(^    (Title|Description): )"))) {
+            } else if (std::regex_search(line, m, field_re)) {
                 text_of.clear();
-            } else if (!text_of.empty() && std::regex_search(line, m, std::regex(R"(^    (\S.*))"))) {
+            } else if (!text_of.empty() && std::regex_search(line, m, wrapped_re)) {
                 // A wrapped line of the extended description.
                 extended[text_of] += " " + m[1].str();
             } else {
