@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -144,6 +145,58 @@ TEST_F(ReaderTest, UdpOnLoopbackDeliversDatagramsUntilTheStreamIsIdle) {
     EXPECT_EQ(reader.stats().packets, packets.size());
     EXPECT_EQ(reader.stats().datagrams, (packets.size() + 6) / 7);
     EXPECT_EQ(versions, 2);
+}
+
+TEST_F(ReaderTest, StopEndsAReadThatWaitsForAStream) {
+    ts::PacketReader reader;
+    ASSERT_TRUE(reader.open("udp://127.0.0.1:0"));
+    reader.set_idle_timeout_ms(600000);
+    bool got = true;
+    std::thread consumer([&] {
+        uint8_t packet[ts::kPacketSize];
+        got = reader.next(packet);
+    });
+    reader.stop();
+    consumer.join();  // within one poll slice of the stop
+    EXPECT_FALSE(got);
+    EXPECT_TRUE(reader.error().empty());
+}
+
+TEST(Pacer, HoldsPacketsToTheirPcrAndStopReleasesThem) {
+    auto with_pcr = [](uint64_t pcr_base) {
+        std::vector<uint8_t> p(ts::kPacketSize, 0xFF);
+        p[0] = ts::kSyncByte;
+        p[1] = 0x01;  // PID 0x100
+        p[2] = 0x00;
+        p[3] = 0x20;  // adaptation field only
+        p[4] = 183;
+        p[5] = 0x10;  // PCR flag
+        p[6] = static_cast<uint8_t>(pcr_base >> 25);
+        p[7] = static_cast<uint8_t>(pcr_base >> 17);
+        p[8] = static_cast<uint8_t>(pcr_base >> 9);
+        p[9] = static_cast<uint8_t>(pcr_base >> 1);
+        p[10] = static_cast<uint8_t>(((pcr_base & 1) << 7) | 0x7E);
+        p[11] = 0;
+        return p;
+    };
+    uint64_t pcr = 0;
+    ASSERT_TRUE(ts::packet_pcr(with_pcr(90000).data(), &pcr));
+    EXPECT_EQ(pcr, 90000u * 300);
+    // 90 kHz base: 18000 ticks are 200 ms. Sleeping never ends early, so
+    // the lower bound holds on any machine.
+    ts::Pacer pacer(true);
+    const auto begin = std::chrono::steady_clock::now();
+    pacer.pace(with_pcr(90000).data());
+    pacer.pace(with_pcr(90000 + 18000).data());
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(200));
+    // A jump of more than 10 s restarts the reference instead of waiting.
+    const auto jump = std::chrono::steady_clock::now();
+    pacer.stop();
+    pacer.pace(with_pcr(90000 + 18000 + 90000 * 60).data());
+    EXPECT_LT(std::chrono::steady_clock::now() - jump, std::chrono::seconds(10));
+    ts::Pacer off(false);
+    off.pace(with_pcr(0).data());
+    off.pace(with_pcr(90000ULL * 3600).data());  // an hour later: no wait at all
 }
 
 using DemuxTest = QuietLog;
