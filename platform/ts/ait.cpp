@@ -183,18 +183,11 @@ std::vector<std::string> decode_boundaries(Bytes b, Skipped* skipped) {
 }  // namespace
 
 bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* skipped) {
-    SectionHeader h;
-    std::string why;
-    // The CRC is checked here too, so the function is safe on any bytes.
-    detail::PsiSection checked(data, size, &h, &why);
-    if (!checked.get()) {
-        note(skipped, "AIT section skipped: " + why);
-        return false;
-    }
-    if (h.table_id != 0x74) {
-        note(skipped, "AIT section skipped: table id " + hex(h.table_id));
-        return false;
-    }
+    // The CRC is checked here too, so the function is safe on any bytes;
+    // the common descriptors length follows the common header.
+    detail::PsiSection checked(data, size, "AIT", 0x74, 0x74, 11, skipped);
+    if (!checked.get()) return false;
+    const SectionHeader& h = checked.header();
     AitRecord ait;
     ait.test = (data[3] & 0x80) != 0;
     ait.app_type = ((data[3] & 0x7F) << 8) | data[4];
@@ -206,10 +199,6 @@ bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* 
     ait.crc = (static_cast<uint32_t>(data[end]) << 24) | (static_cast<uint32_t>(data[end + 1]) << 16) |
               (static_cast<uint32_t>(data[end + 2]) << 8) | data[end + 3];
     Bytes body(data + 8, end - 8);
-    if (!body.has(2)) {
-        note(skipped, "AIT section skipped: no common descriptor loop");
-        return false;
-    }
     std::size_t common = body.u16() & 0x0FFF;
     if (!body.has(common)) {
         note(skipped, "AIT common descriptor loop runs past the section");
@@ -225,7 +214,7 @@ bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* 
                                     break;
                                 }
                                 case 0x16:
-                                    if (d.has(1)) ait.common_usage_type = d.u8();
+                                    if (d.has(1)) ait.common_usage_types.push_back(d.u8());
                                     break;
                                 case 0x55: decode_ratings(d, &ait.common_ratings, skipped); break;
                                 default: ait.common_other_tags.push_back(tag);
@@ -273,9 +262,13 @@ bool decode_ait(const uint8_t* data, std::size_t size, AitRecord* out, Skipped* 
                                         app.location = d.text(d.left());
                                         break;
                                     case 0x16:
-                                        if (d.has(1)) app.usage_type = d.u8();
+                                        if (d.has(1)) app.usage_types.push_back(d.u8());
                                         break;
-                                    case 0x17: app.boundaries = decode_boundaries(d, skipped); break;
+                                    case 0x17: {
+                                        const auto prefixes = decode_boundaries(d, skipped);
+                                        app.boundaries.insert(app.boundaries.end(), prefixes.begin(), prefixes.end());
+                                        break;
+                                    }
                                     case 0x55: decode_ratings(d, &app.ratings, skipped); break;
                                     default: app.other_tags.push_back(tag);
                                 }
@@ -389,7 +382,7 @@ std::string dump_ait_app(const AitRecord& ait, const AitApplication& app, const 
     if (app.labels.empty())
         for (const auto& t : app.transports) transports += (transports.empty() ? "" : ",") + transport_text(t);
     if (!transports.empty()) line += " transports=" + transports;
-    if (app.usage_type >= 0) line += " usage=" + hex(static_cast<unsigned>(app.usage_type), 2);
+    for (int usage : app.usage_types) line += " usage=" + hex(static_cast<unsigned>(usage), 2);
     for (const auto& r : app.ratings) line += " rating=" + r.country + ":" + std::to_string(r.rating);
     return line;
 }
@@ -427,8 +420,8 @@ std::string dump_ait(const AitRecord& ait) {
         out += "\n";
     };
     for (const auto& t : ait.common_transports) transport(t, "  common ");
-    if (ait.common_usage_type >= 0)
-        out += "  common usage=" + hex(static_cast<unsigned>(ait.common_usage_type), 2) + "\n";
+    for (int usage : ait.common_usage_types)
+        out += "  common usage=" + hex(static_cast<unsigned>(usage), 2) + "\n";
     ratings(ait.common_ratings, "  common ");
     others(ait.common_other_tags, "  common ");
     for (const auto& app : ait.apps) {
@@ -450,7 +443,7 @@ std::string dump_ait(const AitRecord& ait) {
         for (const auto& t : app.transports) transport(t, "    ");
         if (app.has_location) out += "    location=" + detail::quoted(app.location) + "\n";
         for (const auto& b : app.boundaries) out += "    boundary=" + detail::quoted(b) + "\n";
-        if (app.usage_type >= 0) out += "    usage=" + hex(static_cast<unsigned>(app.usage_type), 2) + "\n";
+        for (int usage : app.usage_types) out += "    usage=" + hex(static_cast<unsigned>(usage), 2) + "\n";
         ratings(app.ratings, "    ");
         others(app.other_tags, "    ");
     }

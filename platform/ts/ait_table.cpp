@@ -38,8 +38,8 @@ bool fill_application(const AitRecord& section, const AitApplication& app, const
     out->is_service_bound = app.service_bound ? 1 : 0;
     out->visibility = app.visibility;
     out->app_priority = app.priority;
-    out->app_usage_type = app.usage_type >= 0 ? app.usage_type
-                                              : (section.common_usage_type >= 0 ? section.common_usage_type : 0);
+    const auto& usage = app.usage_types.empty() ? section.common_usage_types : app.usage_types;
+    out->app_usage_type = usage.empty() ? 0 : usage.front();
     // The library refuses a table with an entry without a name: an
     // unnamed application gets "".
     out->app_name = copy_text(app.names.empty() ? std::string() : app.names.front().text);

@@ -37,19 +37,26 @@ void dvbpsi_eit_sections_decode(dvbpsi_eit_t* eit, dvbpsi_psi_section_t* section
 namespace ts::detail {
 
 // A libdvbpsi section holding a copy of one long-form section's bytes,
-// checked first: its length, its form and its CRC. Null get() after a
-// failed check (the reason in `why`).
+// checked first: its length and form, its CRC, its table id (first_id to
+// last_id) and a section_length of at least min_length. After a failed
+// check get() is null and `skipped` has "<table> section skipped: why".
 class PsiSection {
 public:
-    PsiSection(const uint8_t* data, std::size_t size, SectionHeader* header, std::string* why);
+    PsiSection(const uint8_t* data, std::size_t size, const char* table, uint8_t first_id,
+               uint8_t last_id, uint16_t min_length, Skipped* skipped);
     ~PsiSection();
     PsiSection(const PsiSection&) = delete;
     PsiSection& operator=(const PsiSection&) = delete;
     dvbpsi_psi_section_t* get() const { return section_; }
+    const SectionHeader& header() const { return header_; }
 
 private:
     dvbpsi_psi_section_t* section_ = nullptr;
+    SectionHeader header_;
 };
+
+// Adds "<table> section skipped: why" to `skipped` (may be null); false.
+bool refuse(Skipped* skipped, const char* table, const std::string& why);
 
 // "0x%02x" and friends.
 std::string hex(unsigned value, int digits = 0);

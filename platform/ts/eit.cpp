@@ -75,21 +75,11 @@ void add_descriptors(dvbpsi_descriptor_t* first, EitEvent* event, Skipped* skipp
 }  // namespace
 
 bool decode_eit(const uint8_t* data, std::size_t size, EitRecord* out, Skipped* skipped) {
-    SectionHeader h;
-    std::string why;
-    detail::PsiSection section(data, size, &h, &why);
-    if (!section.get()) {
-        if (skipped) skipped->push_back("EIT section skipped: " + why);
-        return false;
-    }
-    if (h.table_id < 0x4E || h.table_id > 0x6F) {
-        if (skipped) skipped->push_back("EIT section skipped: table id " + detail::hex(h.table_id));
-        return false;
-    }
-    if (h.length < 15) {
-        if (skipped) skipped->push_back("EIT section skipped: too short for its header");
-        return false;
-    }
+    // Transport stream, network, segment last section and last table ids
+    // follow the common header.
+    detail::PsiSection section(data, size, "EIT", 0x4E, 0x6F, 15, skipped);
+    if (!section.get()) return false;
+    const SectionHeader& h = section.header();
     EitRecord record;
     record.table_id = h.table_id;
     record.sid = h.extension;
@@ -102,10 +92,7 @@ bool decode_eit(const uint8_t* data, std::size_t size, EitRecord* out, Skipped* 
     record.last_number = h.last_number;
     dvbpsi_eit_t* eit = dvbpsi_eit_new(h.table_id, h.extension, h.version, h.current, record.tsid,
                                        record.onid, record.segment_last, record.last_table_id);
-    if (eit == nullptr) {
-        if (skipped) skipped->push_back("EIT section skipped: out of memory");
-        return false;
-    }
+    if (eit == nullptr) return detail::refuse(skipped, "EIT", "out of memory");
     dvbpsi_eit_sections_decode(eit, section.get());
     for (dvbpsi_eit_event_t* e = eit->p_first_event; e != nullptr; e = e->p_next) {
         EitEvent event;

@@ -9,39 +9,56 @@
 namespace ts {
 namespace detail {
 
-PsiSection::PsiSection(const uint8_t* data, std::size_t size, SectionHeader* header,
-                       std::string* why) {
-    if (data == nullptr || !read_section_header(data, size, header, why)) return;
-    if (!header->long_form) {
-        *why = "section without the long header";
+PsiSection::PsiSection(const uint8_t* data, std::size_t size, const char* table, uint8_t first_id,
+                       uint8_t last_id, uint16_t min_length, Skipped* skipped) {
+    std::string why;
+    if (data == nullptr || !read_section_header(data, size, &header_, &why)) {
+        refuse(skipped, table, data == nullptr ? "no bytes" : why);
         return;
     }
-    const std::size_t length = static_cast<std::size_t>(header->length) + 3;
+    if (!header_.long_form) {
+        refuse(skipped, table, "section without the long header");
+        return;
+    }
+    if (header_.table_id < first_id || header_.table_id > last_id) {
+        refuse(skipped, table, "table id " + hex(header_.table_id));
+        return;
+    }
+    if (header_.length < min_length) {
+        refuse(skipped, table, "too short for its header");
+        return;
+    }
+    const std::size_t length = static_cast<std::size_t>(header_.length) + 3;
     section_ = dvbpsi_NewPSISection(static_cast<int>(length));
     if (section_ == nullptr) {
-        *why = "out of memory";
+        refuse(skipped, table, "out of memory");
         return;
     }
     std::memcpy(section_->p_data, data, length);
-    section_->i_table_id = header->table_id;
+    section_->i_table_id = header_.table_id;
     section_->b_syntax_indicator = true;
     section_->b_private_indicator = (data[1] & 0x40) != 0;
-    section_->i_length = header->length;
-    section_->i_extension = header->extension;
-    section_->i_version = header->version;
-    section_->b_current_next = header->current;
-    section_->i_number = header->number;
-    section_->i_last_number = header->last_number;
+    section_->i_length = header_.length;
+    section_->i_extension = header_.extension;
+    section_->i_version = header_.version;
+    section_->b_current_next = header_.current;
+    section_->i_number = header_.number;
+    section_->i_last_number = header_.last_number;
     section_->p_payload_start = section_->p_data + 8;
     section_->p_payload_end = section_->p_data + length - 4;
     section_->i_crc = (static_cast<uint32_t>(data[length - 4]) << 24) |
                       (static_cast<uint32_t>(data[length - 3]) << 16) |
                       (static_cast<uint32_t>(data[length - 2]) << 8) | data[length - 1];
     if (!dvbpsi_ValidPSISection(section_)) {
-        *why = "bad CRC";
+        refuse(skipped, table, "bad CRC");
         dvbpsi_DeletePSISections(section_);
         section_ = nullptr;
     }
+}
+
+bool refuse(Skipped* skipped, const char* table, const std::string& why) {
+    if (skipped) skipped->push_back(std::string(table) + " section skipped: " + why);
+    return false;
 }
 
 PsiSection::~PsiSection() {
@@ -84,13 +101,9 @@ std::string code3(const uint8_t* bytes) {
 }  // namespace detail
 
 using detail::PsiSection;
+using detail::refuse;
 
 namespace {
-
-bool refuse(Skipped* skipped, const char* table, const std::string& why) {
-    if (skipped) skipped->push_back(std::string(table) + " section skipped: " + why);
-    return false;
-}
 
 // The component a PMT entry describes: what its stream type and descriptors
 // say it carries.
@@ -152,11 +165,9 @@ std::string component_kind_name(ComponentKind kind) {
 }
 
 bool decode_pat(const uint8_t* data, std::size_t size, PatRecord* out, Skipped* skipped) {
-    SectionHeader h;
-    std::string why;
-    PsiSection section(data, size, &h, &why);
-    if (!section.get()) return refuse(skipped, "PAT", why);
-    if (h.table_id != 0x00) return refuse(skipped, "PAT", "table id " + detail::hex(h.table_id));
+    PsiSection section(data, size, "PAT", 0x00, 0x00, 9, skipped);
+    if (!section.get()) return false;
+    const SectionHeader& h = section.header();
     dvbpsi_pat_t* pat = dvbpsi_pat_new(h.extension, h.version, h.current);
     if (pat == nullptr) return refuse(skipped, "PAT", "out of memory");
     dvbpsi_pat_sections_decode(pat, section.get());
@@ -171,12 +182,10 @@ bool decode_pat(const uint8_t* data, std::size_t size, PatRecord* out, Skipped* 
 }
 
 bool decode_pmt(const uint8_t* data, std::size_t size, PmtRecord* out, Skipped* skipped) {
-    SectionHeader h;
-    std::string why;
-    PsiSection section(data, size, &h, &why);
-    if (!section.get()) return refuse(skipped, "PMT", why);
-    if (h.table_id != 0x02) return refuse(skipped, "PMT", "table id " + detail::hex(h.table_id));
-    if (h.length < 13) return refuse(skipped, "PMT", "too short for its PCR PID");
+    // The PCR PID and the program info length follow the common header.
+    PsiSection section(data, size, "PMT", 0x02, 0x02, 13, skipped);
+    if (!section.get()) return false;
+    const SectionHeader& h = section.header();
     const uint16_t pcr_pid = static_cast<uint16_t>(((data[8] & 0x1F) << 8) | data[9]);
     dvbpsi_pmt_t* pmt = dvbpsi_pmt_new(h.extension, h.version, h.current, pcr_pid);
     if (pmt == nullptr) return refuse(skipped, "PMT", "out of memory");
@@ -193,13 +202,11 @@ bool decode_pmt(const uint8_t* data, std::size_t size, PmtRecord* out, Skipped* 
 }
 
 bool decode_sdt(const uint8_t* data, std::size_t size, SdtRecord* out, Skipped* skipped) {
-    SectionHeader h;
-    std::string why;
-    PsiSection section(data, size, &h, &why);
-    if (!section.get()) return refuse(skipped, "SDT", why);
-    if (h.table_id != 0x42 && h.table_id != 0x46)
-        return refuse(skipped, "SDT", "table id " + detail::hex(h.table_id));
-    if (h.length < 12) return refuse(skipped, "SDT", "too short for its network id");
+    // The original network id and a reserved byte follow the common header.
+    PsiSection section(data, size, "SDT", 0x42, 0x46, 12, skipped);
+    if (!section.get()) return false;
+    const SectionHeader& h = section.header();
+    if (h.table_id != 0x42 && h.table_id != 0x46) return refuse(skipped, "SDT", "table id " + detail::hex(h.table_id));
     const uint16_t onid = static_cast<uint16_t>((data[8] << 8) | data[9]);
     dvbpsi_sdt_t* sdt = dvbpsi_sdt_new(h.table_id, h.extension, h.version, h.current, onid);
     if (sdt == nullptr) return refuse(skipped, "SDT", "out of memory");

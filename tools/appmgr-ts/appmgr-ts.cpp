@@ -102,7 +102,7 @@ int list(const Options& options) {
     // PIDs found by their tables, without a PMT that names them.
     for (const auto& [key, stats] : capture.demux().table_stats()) {
         const auto [pid, table] = key;
-        if (capture.service_of_pid(pid) >= 0) continue;
+        if (capture.service_of_pid(pid) >= 0 || stats.versions == 0) continue;
         const char* kind = table == 0x74 ? "ait" : (table >= 0x3B && table <= 0x3C) ? "carousel"
                                                    : table == 0x3D ? "stream-events" : nullptr;
         if (kind) std::cout << kind << " service=none pid=" << hex(pid) << '\n';

@@ -376,7 +376,7 @@ struct AitApplication {
     std::string location;  // simple application location
     std::vector<std::string> boundaries;
     std::vector<ParentalRating> ratings;
-    int usage_type = -1;
+    std::vector<int> usage_types;  // application_usage_descriptors in order
     std::vector<int> other_tags;  // descriptors kept out of the record
 };
 struct AitRecord {
@@ -388,7 +388,7 @@ struct AitRecord {
     uint32_t crc = 0;
     std::vector<AitTransport> common_transports;
     std::vector<ParentalRating> common_ratings;
-    int common_usage_type = -1;
+    std::vector<int> common_usage_types;
     std::vector<int> common_other_tags;
     std::vector<AitApplication> apps;
 };
