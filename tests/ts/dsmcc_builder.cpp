@@ -5,6 +5,7 @@
 #include <map>
 
 #include "ts_decode.h"
+#include "ts_test_support.h"
 
 namespace appmgr::test::build {
 
@@ -300,13 +301,6 @@ Bytes transport_stream(const std::vector<std::pair<std::uint16_t, Bytes>>& secti
     return out;
 }
 
-void set_crc(Bytes& s) {
-    std::uint32_t crc = 0xFFFFFFFF;
-    for (std::size_t i = 0; i + 4 < s.size(); ++i) {
-        crc ^= static_cast<std::uint32_t>(s[i]) << 24;
-        for (int bit = 0; bit < 8; ++bit) crc = crc & 0x80000000 ? (crc << 1) ^ 0x04C11DB7 : crc << 1;
-    }
-    for (int i = 0; i < 4; ++i) s[s.size() - 4 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(crc >> (24 - 8 * i));
-}
+void set_crc(Bytes& s) { tstest::seal(&s); }
 
 }  // namespace appmgr::test::build

@@ -79,6 +79,87 @@ TEST(CapturedCarousel, TheTestSuitesStreamEventPage) {
     EXPECT_EQ(sevent.taps[0].association_tag, 19);
 }
 
+// No path in a tree can leave the carousel's directory.
+bool safe_path(const std::string& path) {
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t slash = path.find('/', start);
+        const std::string name = path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+        if (name.empty() || name == "." || name == ".." || name.find('\\') != std::string::npos) return false;
+        for (unsigned char c : name)
+            if (c < 0x20) return false;
+        if (slash == std::string::npos) return true;
+        start = slash + 1;
+    }
+}
+
+// The captured carousel's sections cut short and with bytes changed (the
+// CRC made right again, as a broken multiplexer would send them), and its
+// module's bytes changed after inflation: whatever comes out is bounded and
+// every path stays inside the carousel. The sanitizer builds run it too.
+TEST(CapturedCarousel, CutAndChangedSectionsAndModules) {
+    TsLogLines quiet;
+    std::vector<Bytes> distinct;
+    for (const PidSection& s :
+         read_ts_sections(stream_event_data("mitxp-hbbtv-testsuite/imuxcfg_tsfiles_sevent.m2ts"), {0x138E}))
+        if (std::find(distinct.begin(), distinct.end(), s.bytes) == distinct.end()) distinct.push_back(s.bytes);
+    ASSERT_EQ(distinct.size(), 4u);  // DSI, DII and two blocks
+
+    std::size_t trees = 0;
+    auto play = [&](std::size_t replaced, const Bytes& section) {
+        ObjectCarousel carousel(0x138E);
+        for (std::size_t i = 0; i < distinct.size(); ++i) {
+            const Bytes& s = i == replaced ? section : distinct[i];
+            carousel.feed(s.data(), s.size());
+        }
+        const CarouselTree tree = carousel.tree();
+        trees += tree.has_gateway;
+        for (const CarouselEntry& e : tree.entries) {
+            EXPECT_TRUE(e.path.empty() || safe_path(e.path)) << e.path;
+            EXPECT_LE(e.object->content.size(), 10230u);
+        }
+    };
+    for (std::size_t k = 0; k < distinct.size(); ++k) {
+        const Bytes& original = distinct[k];
+        for (std::size_t cut = 0; cut < original.size(); cut += cut < 64 ? 1 : 61)
+            play(k, Bytes(original.begin(), original.begin() + static_cast<long>(cut)));
+        for (std::size_t at = 0; at + 4 < original.size(); at += at < 160 ? 1 : 37)
+            for (std::uint8_t value : {std::uint8_t(original[at] ^ 0xFF), std::uint8_t(0x00)}) {
+                Bytes changed = original;
+                changed[at] = value;
+                b::set_crc(changed);
+                play(k, changed);
+            }
+    }
+    EXPECT_GT(trees, 0u);
+
+    // The inflated module with each byte changed, straight into BIOP.
+    const auto dii = decode_dii(distinct[1].data(), distinct[1].size());
+    ASSERT_TRUE(dii.ok);
+    Bytes packed;
+    for (std::size_t k = 2; k < 4; ++k) {
+        auto ddb = decode_ddb(distinct[k].data(), distinct[k].size());
+        ASSERT_TRUE(ddb.ok);
+        if (ddb.value.block_number == 0) packed.insert(packed.begin(), ddb.value.data.begin(), ddb.value.data.end());
+        else packed.insert(packed.end(), ddb.value.data.begin(), ddb.value.data.end());
+    }
+    auto inflated = inflate_module(packed.data(), packed.size(), dii.value.modules[0].original_size);
+    ASSERT_TRUE(inflated.ok);
+    const Bytes& module = inflated.value;
+    std::size_t objects = 0;
+    for (std::size_t at = 0; at < module.size(); at += at < 1200 ? 1 : 13) {
+        Bytes changed = module;
+        changed[at] ^= 0xFF;
+        const auto decoded = decode_biop_module(changed.data(), changed.size());
+        objects += decoded.value.size();
+        for (const BiopObject& o : decoded.value) {
+            EXPECT_LE(o.content.size(), module.size());
+            EXPECT_EQ(o.event_ids.size(), o.event_names.size());
+        }
+    }
+    EXPECT_GT(objects, 0u);
+}
+
 // A built carousel: the gateway and a directory in module 1, files and a
 // stream-event object in module 2.
 class BuiltCarousel : public ::testing::Test {

@@ -1,20 +1,16 @@
 #include "ts_capture.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
 
 #include "ts_decode.h"
+#include "ts_test_support.h"
 
 namespace appmgr::test {
 
-std::vector<std::uint8_t> read_bytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+std::vector<std::uint8_t> read_bytes(const std::string& path) { return tstest::read_file(path); }
 
 std::vector<PidSection> read_ts_sections(const std::string& path, const std::vector<int>& pids,
                                          int* crc_failures) {
@@ -47,15 +43,7 @@ std::vector<PidSection> read_ts_sections(const std::string& path, const std::vec
 
 std::vector<PidSection> read_section_file(const std::string& path) {
     std::vector<PidSection> out;
-    const std::vector<std::uint8_t> data = read_bytes(path);
-    std::size_t at = 0;
-    while (at + 3 <= data.size()) {
-        const std::size_t length = 3 + (((data[at + 1] & 0x0F) << 8) | data[at + 2]);
-        if (at + length > data.size()) break;
-        out.push_back(PidSection{0, std::vector<std::uint8_t>(data.begin() + static_cast<long>(at),
-                                                               data.begin() + static_cast<long>(at + length))});
-        at += length;
-    }
+    for (auto& bytes : tstest::split_sections(read_bytes(path))) out.push_back(PidSection{0, std::move(bytes)});
     return out;
 }
 
