@@ -21,9 +21,11 @@
 // - Capture: a Demux plus the service map (PAT -> PMT -> components, SDT
 //   names) and the collectors that turn sections into complete AIT versions
 //   and distinct EIT events.
+// - DSM-CC (namespace dsmcc, at the end of this file): object carousels
+//   and stream events, decoded and collected per capture.
 // - CapturePlayer: plays a capture into the simulated receiver (channels,
-//   AIT delivery through the AIT callback, the EIT cache). It is the one
-//   object the emulator and the tests drive.
+//   AIT delivery through the AIT callback, the EIT cache, the carousels and
+//   stream events). It is the one object the emulator and the tests drive.
 //
 // Everything here runs on the thread that calls it; a CapturePlayer started
 // with start() runs on a thread of its own until the end or stop(). None of
@@ -556,9 +558,10 @@ struct PlayerStats {
 // Plays a capture into the simulated receiver: the services become
 // channels (the selected one current), the selected service's HbbTV AIT
 // versions reach the library through hbb_sim_fire_ait, one call per new
-// version, and EIT events fill the simulated EIT cache. Other tables are
-// decoded and counted. The demux is reachable for more handlers (carousel,
-// stream events) before play starts.
+// version, EIT events fill the simulated EIT cache, the service's object
+// carousels are served and its stream events fire subscribed listeners
+// (see PlayerOptions). Other tables are decoded and counted. The demux is
+// reachable for more handlers before play starts.
 class CapturePlayer {
 public:
     CapturePlayer();
