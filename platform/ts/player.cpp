@@ -88,6 +88,7 @@ bool CapturePlayer::run() {
 }
 
 void CapturePlayer::start() {
+    if (thread_.joinable()) return;  // already playing
     thread_ = std::thread([this] { result_ = run(); });
 }
 
@@ -122,7 +123,9 @@ int CapturePlayer::ensure_channel(const ServiceInfo& service) {
     channel.tsid = service.tsid >= 0 ? service.tsid : 0;
     channel.sid = service.sid;
     channel.name = name.data();
-    channel.idType = 12;  // ID_DVB_T, the delivery of the captures at hand
+    // The capture does not say how it was received (the NIT is not read):
+    // ID_DVB_T, terrestrial, as most HbbTV captures are.
+    channel.idType = 12;
     const auto known = channel_positions_.find(service.sid);
     if (known != channel_positions_.end()) {
         hbb_sim_update_channel(known->second, &channel);

@@ -79,8 +79,8 @@ bool PacketReader::open(const std::string& source) {
         }
         own_fd_ = true;
         udp_ = true;
-        const int reuse = 1;
-        ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+        // No SO_REUSEADDR: a second reader of the same port fails to open
+        // instead of taking half of the datagrams.
         const int buffer = 4 * 1024 * 1024;  // a live stream arrives in bursts
         ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
         if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {

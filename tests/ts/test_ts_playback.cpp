@@ -57,9 +57,17 @@ TEST_F(CapturePlayback, AutostartApplicationOfARealCaptureStartsFromItsCarousel)
     EXPECT_EQ(player.stats().ait_delivered, 1u);
     EXPECT_EQ(player.stats().ait_not_delivered, 1u);
     EXPECT_EQ(hbb_sim_call_count("application_manager_invaild_app"), 0);
-    // The SDT's services became channels, the played one current.
+    // The SDT's services became channels, the played one current, with
+    // the name the SDT gave it after its PAT entry had made the channel.
     EXPECT_EQ(hbb_sim_channel_count(), 8);
-    EXPECT_GE(hbb_sim_current_channel(), 0);
+    Channel* current = hbbGetCurrentChannel();
+    ASSERT_NE(current, nullptr);
+    EXPECT_EQ(current->sid, 0xD49);
+    EXPECT_EQ(current->onid, 0x13E);
+    EXPECT_EQ(current->tsid, 0x4800);
+    EXPECT_STREQ(current->name, "Rai 1");
+    EXPECT_STREQ(current->ccid, "ccid:3401");
+    channel_destroy(current);
 }
 
 TEST_F(CapturePlayback, BroadbandApplicationWaitsForTheNetworkWithItsSignalledUrl) {
