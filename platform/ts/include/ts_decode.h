@@ -530,7 +530,7 @@ struct PlayerOptions {
     // carousel_dir ("": a fresh one under $TMPDIR or /tmp, removed with the
     // player) and served as the carousels of their component tags; a module
     // that changes version serves a new generation and fires the module
-    // update notification.
+    // update notification. They are served while the player lives.
     bool feed_carousels = true;
     std::string carousel_dir;
     // Stream events fire the listeners subscribed to them: by component tag
