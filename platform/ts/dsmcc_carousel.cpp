@@ -273,11 +273,16 @@ struct ObjectCarousel::State {
 
     void walk(const BiopObject& directory, const std::string& path, std::size_t depth, CarouselTree& tree,
               std::set<std::pair<uint16_t, Bytes>>& visited) const {
+        std::set<std::string> names;
         for (const Binding& binding : directory.bindings) {
             const std::string child = path.empty() ? binding.name : path + "/" + binding.name;
             if (!usable_name(binding.name)) {
                 tree.skipped.push_back("name \"" + printable(binding.name) + "\" in \"" + printable(path) +
                                        "\" is not usable as a path component");
+                continue;
+            }
+            if (!names.insert(binding.name).second) {
+                tree.skipped.push_back("\"" + printable(child) + "\" bound twice; the first binding kept");
                 continue;
             }
             if (!binding.ref.located) {

@@ -345,11 +345,12 @@ TEST_F(BuiltCarousel, BrokenModulesAreSkippedAndCounted) {
     EXPECT_EQ(tree.missing, (std::vector<std::string>{"sub/page.html (module 2)"}));
 }
 
-TEST_F(BuiltCarousel, NamesThatCannotBePathsAndCyclesAreLeftOut) {
+TEST_F(BuiltCarousel, NamesThatCannotBePathsRepeatsAndCyclesAreLeftOut) {
     Bytes gateway = b::directory("srg", {1}, {{"..", ref("fil", 1, 3)},
                                                {"a/b", ref("fil", 1, 3)},
                                                {"", ref("fil", 1, 3)},
                                                {"ok", ref("fil", 1, 3)},
+                                               {"ok", ref("dir", 1, 2)},
                                                {"loop", ref("dir", 1, 2)}});
     const Bytes loop = b::directory("dir", {2}, {{"up", ref("srg", 1, 1)}, {"again", ref("dir", 1, 2)}});
     const Bytes file = b::file({3}, b::text("f"));
@@ -364,6 +365,7 @@ TEST_F(BuiltCarousel, NamesThatCannotBePathsAndCyclesAreLeftOut) {
                                 "name \"..\" in \"\" is not usable as a path component",
                                 "name \"a/b\" in \"\" is not usable as a path component",
                                 "name \"\" in \"\" is not usable as a path component",
+                                "\"ok\" bound twice; the first binding kept",
                                 "\"loop/up\" names a directory already in the tree",
                                 "\"loop/again\" names a directory already in the tree"}));
 }

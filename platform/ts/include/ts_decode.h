@@ -763,7 +763,8 @@ private:
 
 // Inflates a compressed module (zlib). It must inflate to exactly
 // `stated_size` bytes: more is refused as soon as it shows, without
-// inflating further.
+// inflating further. The caller bounds `stated_size` (ObjectCarousel: by
+// max_module_size): that much is allocated.
 Decoded<Bytes> inflate_module(const uint8_t* data, std::size_t size, std::size_t stated_size);
 
 // ---- BIOP objects -----------------------------------------------------------------
@@ -821,8 +822,8 @@ struct CarouselTree {
     // Objects that are bound in a directory but whose module has not
     // arrived (complete) yet, as "path (module N)".
     std::vector<std::string> missing;
-    // Bindings left out of the tree and why (unusable names, cycles,
-    // objects of another carousel, limits).
+    // Bindings left out of the tree and why (unusable or repeated names,
+    // cycles, objects of another carousel, limits).
     Skipped skipped;
 };
 
