@@ -14,7 +14,12 @@ extern char** environ;
 
 namespace appmgr::test {
 
-BrowserProcess::BrowserProcess(const std::string& socket_dir, const std::vector<std::string>& extra) {
+std::unique_ptr<BrowserProcess> BrowserProcess::browser(const std::string& socket_dir) {
+    return std::make_unique<BrowserProcess>(APPMGR_WEB_BROWSER_SCRIPT,
+                                            std::vector<std::string>{"--socket-dir", socket_dir});
+}
+
+BrowserProcess::BrowserProcess(const std::string& script, const std::vector<std::string>& extra) {
     int to_child[2];
     int from_child[2];
     if (::pipe2(to_child, O_CLOEXEC) != 0) return;
@@ -23,7 +28,7 @@ BrowserProcess::BrowserProcess(const std::string& socket_dir, const std::vector<
         ::close(to_child[1]);
         return;
     }
-    std::vector<std::string> args = {APPMGR_NODE, APPMGR_WEB_BROWSER_SCRIPT, "--socket-dir", socket_dir};
+    std::vector<std::string> args = {APPMGR_NODE, script};
     args.insert(args.end(), extra.begin(), extra.end());
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
@@ -96,17 +101,23 @@ std::string BrowserProcess::eval(const std::string& expression, int timeout_ms) 
 }
 
 bool BrowserProcess::waitEvent(const std::string& prefix, int timeout_ms) {
-    const std::string wanted = "event " + prefix;
+    return waitLine("event " + prefix, timeout_ms).has_value();
+}
+
+std::optional<std::string> BrowserProcess::waitLine(const std::string& prefix, int timeout_ms) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+    std::optional<std::string> found;
+    cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
         for (size_t i = 0; i < lines_.size(); ++i) {
-            if (!taken_[i] && lines_[i].rfind(wanted, 0) == 0) {
+            if (!taken_[i] && lines_[i].rfind(prefix, 0) == 0) {
                 taken_[i] = true;
+                found = lines_[i];
                 return true;
             }
         }
         return false;
     });
+    return found;
 }
 
 bool BrowserProcess::sawEvent(const std::string& prefix) const {

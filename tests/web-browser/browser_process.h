@@ -1,12 +1,13 @@
-// The real browser process (tools/web-browser, Node.js driving Debian's
-// chromium) as a child of a test: started on a socket directory, driven
-// through its control channel (standard input), observed through the lines
-// it writes (answers and events).
+// The programs of tools/web-browser (Node.js) as children of a test: the
+// browser process (driving Debian's chromium) started on a socket
+// directory, or the test-suite server; driven through standard input,
+// observed through the lines they write (answers and events).
 #pragma once
 
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -17,8 +18,10 @@ namespace appmgr::test {
 
 class BrowserProcess {
 public:
-    // Starts `node script --socket-dir dir` with the extra arguments.
-    BrowserProcess(const std::string& socket_dir, const std::vector<std::string>& extra = {});
+    // Starts `node script args...`.
+    BrowserProcess(const std::string& script, const std::vector<std::string>& args);
+    // The browser process on a socket directory.
+    static std::unique_ptr<BrowserProcess> browser(const std::string& socket_dir);
     ~BrowserProcess();
     BrowserProcess(const BrowserProcess&) = delete;
     BrowserProcess& operator=(const BrowserProcess&) = delete;
@@ -35,6 +38,8 @@ public:
     // before whose text starts with `prefix` ("loaded dvb://..."), and
     // takes it. Returns whether one came within the time.
     bool waitEvent(const std::string& prefix, int timeout_ms = 15000);
+    // The same for any line starting with `prefix`; returns the line.
+    std::optional<std::string> waitLine(const std::string& prefix, int timeout_ms = 15000);
     // Whether such an event arrived (without waiting, without taking it).
     bool sawEvent(const std::string& prefix) const;
 

@@ -67,7 +67,7 @@ protected:
     // The first applicationManagerInit waits for the browser's report.
     void startBrowser() {
         auto init = std::async(std::launch::async, [] { return applicationManagerInit(); });
-        browser = std::make_unique<BrowserProcess>(dir_.path());
+        browser = BrowserProcess::browser(dir_.path());
         ASSERT_TRUE(browser->started());
         ASSERT_EQ(init.wait_for(std::chrono::seconds(40)), std::future_status::ready) << browser->transcript();
         ASSERT_EQ(init.get(), 1);
@@ -258,6 +258,43 @@ TEST_F(WebBrowserTest, MisbehavingPageDoesNotWedgeTheBrowser) {
     ASSERT_EQ(applicationManagerInit(), 1);
     ASSERT_TRUE(browser->waitEvent("loaded " + kSecond, 30000)) << browser->transcript();
     EXPECT_EQ(browser->eval("document.title"), "\"second\"");
+}
+
+// One group of the public HbbTV test suite runs itself: its page is the
+// AUTOSTART application of a broadcast AIT, the automation cookie is set,
+// and every step the page reports comes back as a step line.
+TEST_F(WebBrowserTest, TestSuiteGroupRunsAndReports) {
+    BrowserProcess suite(APPMGR_TESTSUITE_SCRIPT, {"--pages", APPMGR_TESTSUITE_PAGES, "--group", "capabilities"});
+    const auto cookie = suite.waitLine("cookie ");
+    const auto index = suite.waitLine("index ");
+    const auto group = suite.waitLine("group capabilities ");
+    ASSERT_TRUE(cookie && index && group) << suite.transcript();
+    const std::string index_url = index->substr(6);
+    const std::string group_url = group->substr(19);
+    const std::string origin = index_url.substr(0, index_url.size() - 9);  // without "index.php"
+
+    // What the group's steps look for.
+    hbb_sim_set_capability("+DL", 1);
+    hbb_sim_set_video_decodes(1, 2);
+    hbb_sim_set_xml_capabilities("<profilelist><ui_profile name=\"OITF_HD_UIPROF+DL\"/></profilelist>");
+    ASSERT_TRUE(browser->command("cookie " + origin + " " + cookie->substr(7))) << browser->transcript();
+    ASSERT_EQ(hbb_sim_fire_network_status(1), 0);
+    deliver({http_app(0x10, 1, group_url)});
+    ASSERT_TRUE(browser->waitEvent("loaded " + group_url, 20000)) << browser->transcript();
+    // The group's last step returns to the suite's start page.
+    ASSERT_TRUE(browser->waitEvent("loaded " + index_url, 90000)) << browser->transcript() << suite.transcript();
+
+    ASSERT_TRUE(suite.command("end").has_value() || true);
+    const auto summary = suite.waitLine("6 passed, 0 failed, 0 manual", 10000);
+    EXPECT_TRUE(summary) << suite.transcript();
+    const std::string steps = suite.transcript();
+    for (const char* line : {"step capabilities.xml PASS XML capabilities are valid.",
+                             "step capabilities.+DL PASS +DL capability is available.",
+                             "step capabilities.+PVR PASS +PVR capability is not available.",
+                             "step capabilities.extrasd PASS extraSDVideoDecodes = 1",
+                             "step capabilities.extrahd PASS extraHDVideoDecodes = 2"})
+        EXPECT_NE(steps.find(line), std::string::npos) << line << "\n" << steps;
+    EXPECT_EQ(suite.finish(), 0);
 }
 
 }  // namespace

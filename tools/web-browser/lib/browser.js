@@ -274,7 +274,8 @@ class WebBrowser extends EventEmitter {
     } catch (err) {
       return;
     }
-    if (url === 'about:blank') return;
+    // Chromium's own pages (about:blank, its error pages) are no application's.
+    if (!/^(https?|file):/i.test(url)) return;
     await this.applyPageState();
     const status = this.documentStatus.get(url.replace(/#.*$/, ''));
     this.documentStatus.clear();

@@ -66,7 +66,12 @@ class Chromium {
       '--disable-component-update',
       '--disable-sync',
       '--disable-extensions',
-      '--disable-features=Translate,MediaRouter,OptimizationHints',
+      // Pages served through DevTools (the rewritten HbbTV documents, the
+      // carousel) have no network address of their own; Chromium would take
+      // them for public pages and refuse their requests to the loopback
+      // endpoint of the page objects.
+      '--disable-features=Translate,MediaRouter,OptimizationHints,LocalNetworkAccessChecks,'
+        + 'BlockInsecurePrivateNetworkRequests,PrivateNetworkAccessSendPreflights',
       '--password-store=basic',
       '--use-mock-keychain',
       '--autoplay-policy=no-user-gesture-required',
