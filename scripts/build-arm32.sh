@@ -113,7 +113,7 @@ else
 fi
 
 # ---- 3. configure and build ----------------------------------------------------
-cmake_args=(-S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake_args=(-S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAPPMGR_WERROR=ON
             -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" -DAPPMGR_BUILD_BENCH=ON)
 [ -n "$sysroot" ] && cmake_args+=(-DAPPMGR_ARMHF_SYSROOT="$sysroot")
 cmake "${cmake_args[@]}" >/dev/null
