@@ -109,7 +109,7 @@ int checkNewAITTable(AitTable* ait) {
     if (ait->app_lenght == 0) {
         AM_INFO("Empty AIT, loading empty page..appmgr_state:%d,is_portal_mode: %d\n\n",
                 static_cast<int>(state::library()), state::portal() ? 1 : 0);
-        state::clear_service_bound();
+        state::set_service_bound(false);
         state::clear_current_ait();
         if (state::running() != nullptr && state::active())
             appmgr::core::destroy_running_application();

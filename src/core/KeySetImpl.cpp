@@ -22,6 +22,7 @@
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
+#include "common/atomic_word.h"
 #include "common/c_api.h"
 #include "common/log.h"
 #include "common/seams.h"
@@ -204,8 +205,8 @@ private:
     }
 
     // The descriptor lives in the exported remote_key_socket_fd.
-    static int fd() { return __atomic_load_n(&remote_key_socket_fd, __ATOMIC_ACQUIRE); }
-    static void set_fd(int fd) { __atomic_store_n(&remote_key_socket_fd, fd, __ATOMIC_RELEASE); }
+    static int fd() { return appmgr::load_acquire(remote_key_socket_fd); }
+    static void set_fd(int fd) { appmgr::store_release(remote_key_socket_fd, fd); }
     bool connected_ = false;
 };
 
