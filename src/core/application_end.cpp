@@ -11,6 +11,7 @@
 #include <string>
 
 #include "app_mgr.h"
+#include "common/decision.h"
 #include "common/c_api.h"
 #include "common/log.h"
 #include "core/core.h"
@@ -20,6 +21,7 @@
 #include "state/state.h"
 
 namespace state = appmgr::state;
+namespace decision = appmgr::decision;
 namespace core = appmgr::core;
 using appmgr::protocol::Command;
 using appmgr::records::entry_url;
@@ -131,7 +133,8 @@ void application_manager_request_stop(void) {
 }
 
 void handle_application_load_error(char* app_url) {
-    AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);
+    AM_DECISION(AM_LOG_INFO, decision::at(decision::Kind::LoadError, app_url),
+                "FUNCTION: %s | LINE: %d\n", __func__, __LINE__);
     if (app_url == nullptr) return;
     if (state::portal()) {
         AM_INFO("FUNCTION: %s | LINE: %d\n", __func__, __LINE__);

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "app_mgr.h"
+#include "common/decision.h"
 #include "common/c_api.h"
 #include "common/log.h"
 #include "core/core.h"
@@ -28,6 +29,7 @@
 #include "state/state.h"
 
 namespace state = appmgr::state;
+namespace decision = appmgr::decision;
 namespace core = appmgr::core;
 using appmgr::protocol::Command;
 using appmgr::records::entry_url;
@@ -86,8 +88,9 @@ bool broadband_reachable(char* url) {
     if (state::network() == NETWORK_CHECKING) {
         // Held until the network state is known; the autostart runs
         // again then.
-        AM_INFO("network_status:%d is checking, hold Http App util network ok\n",
-                static_cast<int>(state::network()));
+        AM_DECISION(AM_LOG_INFO, decision::at(decision::Kind::Held, url),
+                    "network_status:%d is checking, hold Http App util network ok\n",
+                    static_cast<int>(state::network()));
         return false;
     }
     if (core::is_portal_origin(url) || state::portal()) {
@@ -96,7 +99,8 @@ bool broadband_reachable(char* url) {
     }
     AM_INFO("Detected Http App\n");
     if (probe_http_app(url) != 0) return true;
-    AM_INFO(" Http App probing failed !!!\n");
+    AM_DECISION(AM_LOG_INFO, decision::at(decision::Kind::ProbeFailed, url),
+                " Http App probing failed !!!\n");
     handle_application_load_error(url);
     return false;
 }

@@ -104,8 +104,10 @@ inline void require_lock(const char* accessor) {
 }
 #define REQUIRE_LOCK() require_lock(__func__)
 
+// Copies at most size - 1 characters, never reading further: a locator of
+// a middleware table need not be terminated within its field.
 void copy_text(char* dst, std::size_t size, const char* src) {
-    std::snprintf(dst, size, "%s", src != nullptr ? src : "");
+    std::snprintf(dst, size, "%.*s", static_cast<int>(size - 1), src != nullptr ? src : "");
 }
 
 // The exported storage keeps the C types of the interface (int flags,

@@ -137,7 +137,7 @@ TEST_F(SharedStateTest, BrowserPageMessagesDuringAitUpdates) {
             }
         });
     sendApplication("82|http://host.example/last.html|");
-    ASSERT_TRUE(log_.waitFor("page http://host.example/last.html is loaded...", 10000));
+    ASSERT_TRUE(decisions_.waitFor({"page_loaded", "", "http://host.example/last.html"}, 10000));
 }
 
 TEST_F(SharedStateTest, PortalAndLaunchDuringAitUpdates) {
@@ -193,7 +193,7 @@ TEST_F(SharedStateTest, SmallerXmlAitLeavesTheBroadcastMarksAlone) {
     sendNetworkStatus(NETWORK_ON);
     EXPECT_EQ(closeWebPortal(), 1);
     sendApplication("82|http://host.example/marker.html|");
-    ASSERT_TRUE(log_.waitFor("page http://host.example/marker.html is loaded...", 5000));
+    ASSERT_TRUE(decisions_.waitFor({"page_loaded", "", "http://host.example/marker.html"}, 5000));
 }
 
 TEST_F(SharedStateTest, CloseWhileAitUpdatesArrive) {
