@@ -87,6 +87,21 @@ TEST_F(ScenarioFile, WhatTheFileSaysReachesTheModel) {
     EXPECT_TRUE(s.http.enabled);  // {http} is used
 }
 
+// Sections are read by kind, so one may name a section later in the file:
+// steps their AITs and channels, a table its applications and channel.
+TEST_F(ScenarioFile, SectionsMayNameSectionsFurtherDown) {
+    Scenario s = load("[timeline]\nstep1 = deliver_ait later\nstep2 = channel other\n"
+                      "[ait.later]\napps = a\nchannel = other\n"
+                      "[programme.news]\nchannel = other\nstart = 1\nduration = 2\n" +
+                      kApp + "[channel.other]\nonid = 2\ntsid = 3\nsid = 4\n" + kService);
+    ASSERT_EQ(s.timeline.size(), 2u);
+    EXPECT_EQ(s.timeline[0].args, std::vector<std::string>{"later"});
+    ASSERT_NE(s.ait("later"), nullptr);
+    EXPECT_EQ(s.ait("later")->dvb_url, "dvb://2.3.4");
+    ASSERT_EQ(s.programmes.size(), 1u);
+    EXPECT_EQ(s.programmes[0].channel, "other");
+}
+
 TEST_F(ScenarioFile, MistakesThatWouldGoUnnoticedAreRefused) {
     const std::string t = kService + "[timeline]\n";
     const struct {

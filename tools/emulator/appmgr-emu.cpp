@@ -18,50 +18,151 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "browser_side.h"
 #include "builtin_scenario.h"
 #include "emu_output.h"
 #include "hbb_sim.h"
 #include "private_run.h"
 #include "scenario.h"
 #include "scenario_runner.h"
+#include "steps.h"
 
 namespace {
 
 using namespace appmgr::emu;
 
+// ---- the command line ----------------------------------------------------------------
+
+// What the command line asks for.
+struct Options {
+    bool help = false;
+    std::optional<std::string> scenario_file;
+    std::optional<std::string> write_builtin;
+    bool shared_tmp = false;
+};
+
+// One option: its names, its argument (if it takes one), its help and what
+// it sets. The help text and the parser come from this table.
+struct Option {
+    const char* short_name;  // "-v", or nullptr
+    const char* name;        // "--verbose"
+    const char* argument;    // "FILE", or nullptr for a switch
+    const char* help;        // lines separated by '\n'
+    void (*apply)(Options& o, const std::string& argument);
+};
+
+const Option kOptions[] = {
+    {"-v", "--verbose", nullptr, "also print the library's log and the raw frames",
+     [](Options&, const std::string&) { g_verbose = true; }},
+    {nullptr, "--scenario", "FILE", "run the scenario in FILE",
+     [](Options& o, const std::string& file) { o.scenario_file = file; }},
+    {nullptr, "--shared-tmp", nullptr,
+     "run in the machine's /tmp and network; refused while\nanother process holds the library's sockets or "
+     "port",
+     [](Options& o, const std::string&) { o.shared_tmp = true; }},
+    {nullptr, "--write-builtin", "DIR",
+     "write the built-in scenario and its files into DIR\n(to be run with --scenario DIR/builtin.ini)",
+     [](Options& o, const std::string& dir) { o.write_builtin = dir; }},
+    {"-h", "--help", nullptr, "print this help", [](Options& o, const std::string&) { o.help = true; }},
+};
+
+const char* const kUsageHead =
+    "usage: appmgr-emu [--verbose] [--scenario FILE]\n"
+    "       appmgr-emu --write-builtin DIR\n"
+    "\n"
+    "Runs libapp-mgr on the simulated platform with a stand-in browser on the\n"
+    "browser sockets in /tmp/ and prints the platform calls and the messages\n"
+    "exchanged, in a private /tmp and loopback network of its own. Without\n"
+    "--scenario the built-in scenario runs: an AIT starts an application from\n"
+    "the object carousel, a key set, channel changes that kill or keep the\n"
+    "running application, and an application from an XML AIT over HTTP. A\n"
+    "scenario file (INI; see docs/emulator.md) describes a service, its\n"
+    "applications and AITs, and a timeline of deliveries, channel changes,\n"
+    "network changes, browser messages and checks.\n"
+    "\n";
+
+const char* const kUsageTail =
+    "\n"
+    "Exit status: 0 scenario passed, 1 a step failed or timed out, or another\n"
+    "process holds the library's sockets or port, 2 usage error or a scenario\n"
+    "file that cannot be read.\n";
+
+// "  -v, --verbose        also print ...": names in a column of 21, help
+// lines beside them (under them when the names are longer).
 void usage(std::FILE* to) {
-    std::fprintf(to,
-                 "usage: appmgr-emu [--verbose] [--scenario FILE]\n"
-                 "       appmgr-emu --write-builtin DIR\n"
-                 "\n"
-                 "Runs libapp-mgr on the simulated platform with a stand-in browser on the\n"
-                 "browser sockets in /tmp/ and prints the platform calls and the messages\n"
-                 "exchanged, in a private /tmp and loopback network of its own. Without\n"
-                 "--scenario the built-in scenario runs: an AIT starts an application from\n"
-                 "the object carousel, a key set, channel changes that kill or keep the\n"
-                 "running application, and an application from an XML AIT over HTTP. A\n"
-                 "scenario file (INI; see docs/emulator.md) describes a service, its\n"
-                 "applications and AITs, and a timeline of deliveries, channel changes,\n"
-                 "network changes, browser messages and checks.\n"
-                 "\n"
-                 "  -v, --verbose        also print the library's log and the raw frames\n"
-                 "      --scenario FILE  run the scenario in FILE\n"
-                 "      --shared-tmp     run in the machine's /tmp and network; refused while\n"
-                 "                       another process holds the library's sockets or port\n"
-                 "      --write-builtin DIR\n"
-                 "                       write the built-in scenario and its files into DIR\n"
-                 "                       (to be run with --scenario DIR/builtin.ini)\n"
-                 "  -h, --help           print this help\n"
-                 "\n"
-                 "Exit status: 0 scenario passed, 1 a step failed or timed out, or another\n"
-                 "process holds the library's sockets or port, 2 usage error or a scenario\n"
-                 "file that cannot be read.\n");
+    constexpr std::size_t kHelpColumn = 23;
+    std::string text = kUsageHead;
+    for (const Option& o : kOptions) {
+        std::string names = std::string("  ") + (o.short_name ? std::string(o.short_name) + ", " : "    ") +
+                            o.name + (o.argument ? std::string(" ") + o.argument : "");
+        names += names.size() + 2 <= kHelpColumn ? std::string(kHelpColumn - names.size(), ' ')
+                                                 : "\n" + std::string(kHelpColumn, ' ');
+        for (const char* c = o.help; *c; ++c)
+            names += *c == '\n' ? "\n" + std::string(kHelpColumn, ' ') : std::string(1, *c);
+        text += names + "\n";
+    }
+    text += kUsageTail;
+    std::fputs(text.c_str(), to);
+}
+
+const Option* findOption(const std::string& arg) {
+    for (const Option& o : kOptions)
+        if (arg == o.name || (o.short_name && arg == o.short_name)) return &o;
+    return nullptr;
+}
+
+// Fills o from the arguments; a usage error is printed and returns false.
+// Stops at --help.
+bool parseCommandLine(int argc, char** argv, Options& o) {
+    for (int i = 1; i < argc && !o.help; ++i) {
+        const std::string arg = argv[i];
+        const std::size_t eq = arg.rfind("--", 0) == 0 ? arg.find('=') : std::string::npos;
+        const Option* option = findOption(arg.substr(0, eq));
+        const char* problem = "unknown option";
+        if (option && !option->argument && eq == std::string::npos) {
+            option->apply(o, "");
+            continue;
+        }
+        if (option && option->argument && eq != std::string::npos && eq + 1 < arg.size()) {
+            option->apply(o, arg.substr(eq + 1));
+            continue;
+        }
+        if (option && option->argument && eq == std::string::npos) {
+            if (i + 1 < argc) {
+                option->apply(o, argv[++i]);
+                continue;
+            }
+            problem = "missing argument after";
+        }
+        std::fprintf(stderr, "appmgr-emu: %s '%s'\n", problem, arg.c_str());
+        usage(stderr);
+        return false;
+    }
+    return true;
+}
+
+// ---- the modes -----------------------------------------------------------------------
+
+int writeBuiltin(const std::string& dir) {
+    std::string error;
+    if (::mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
+        std::perror(("appmgr-emu: mkdir " + dir).c_str());
+        return 2;
+    }
+    const std::string path = writeBuiltinScenario(dir, &error);
+    if (path.empty()) {
+        std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
+        return 2;
+    }
+    std::printf("appmgr-emu: wrote %s; run it with appmgr-emu --scenario %s\n", path.c_str(), path.c_str());
+    return 0;
 }
 
 std::optional<Scenario> load(const std::string& path) {
@@ -71,10 +172,12 @@ std::optional<Scenario> load(const std::string& path) {
     return s;
 }
 
-bool usesKeySteps(const Scenario& s) {
-    for (const Step& st : s.timeline)
-        if (st.kind == "key") return true;
-    return false;
+// The files of a scenario that must stay reachable in the private /tmp.
+std::vector<std::string> filesOf(const Scenario& s, const std::string& file) {
+    std::vector<std::string> keep{file};
+    for (const CarouselSpec& c : s.carousels) keep.push_back(c.path);
+    if (s.http.root) keep.push_back(*s.http.root);
+    return keep;
 }
 
 // The directory the built-in scenario's files are written to: in a private
@@ -96,144 +199,111 @@ std::string builtinDirectory(bool isolated) {
     return tmpl;
 }
 
-}  // namespace
+// Writes the built-in scenario's files and reads them back.
+std::optional<Scenario> loadBuiltin(bool isolated) {
+    std::string error;
+    const std::string dir = builtinDirectory(isolated);
+    if (dir.empty()) return std::nullopt;
+    const std::string path = writeBuiltinScenario(dir, &error);
+    if (path.empty()) {
+        std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    std::optional<Scenario> s = load(path);
+    if (s) s->path = kBuiltinScenarioName;
+    return s;
+}
 
-int main(int argc, char** argv) {
-    std::optional<std::string> scenario_file;
-    std::optional<std::string> write_builtin;
-    bool shared_tmp = false;
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (arg == "-h" || arg == "--help") {
-            usage(stdout);
-            return 0;
-        } else if (arg == "-v" || arg == "--verbose") {
-            g_verbose = true;
-        } else if (arg == "--scenario" && i + 1 < argc) {
-            scenario_file = argv[++i];
-        } else if (arg.rfind("--scenario=", 0) == 0 && arg.size() > 11) {
-            scenario_file = arg.substr(11);
-        } else if (arg == "--shared-tmp") {
-            shared_tmp = true;
-        } else if (arg == "--write-builtin" && i + 1 < argc) {
-            write_builtin = argv[++i];
-        } else {
-            std::fprintf(stderr, "appmgr-emu: %s '%s'\n",
-                         arg == "--scenario" || arg == "--write-builtin" ? "missing argument after"
-                                                                         : "unknown option",
-                         arg.c_str());
-            usage(stderr);
-            return 2;
-        }
-    }
-    if (write_builtin) {
-        std::string error;
-        if (::mkdir(write_builtin->c_str(), 0777) != 0 && errno != EEXIST) {
-            std::perror(("appmgr-emu: mkdir " + *write_builtin).c_str());
-            return 2;
-        }
-        const std::string path = writeBuiltinScenario(*write_builtin, &error);
-        if (path.empty()) {
-            std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
-            return 2;
-        }
-        std::printf("appmgr-emu: wrote %s; run it with appmgr-emu --scenario %s\n", path.c_str(),
-                    path.c_str());
-        return 0;
-    }
+// In the shared /tmp and network: refuses at once rather than meet another
+// run (or a browser) on the fixed sockets or port.
+bool resourcesFree(const Scenario& s, const PrivateRun& run) {
+    const std::vector<std::string> held = heldResources(usesRemoteInput(s));
+    if (held.empty()) return true;
+    std::fprintf(
+        stderr,
+        "appmgr-emu: cannot run: another process holds %s (another appmgr-emu, a browser or a library "
+        "instance?); this run would share the machine's /tmp and network with it (%s)\n",
+        joined(held).c_str(), run.detail.c_str());
+    return false;
+}
 
-    // A scenario file is read completely before anything starts: a bad file
-    // ends the run with status 2 and the library is never touched.
-    std::optional<Scenario> loaded;
-    std::vector<std::string> keep;
-    if (scenario_file) {
-        loaded = load(*scenario_file);
-        if (!loaded) return 2;
-        keep.push_back(*scenario_file);
-        for (const CarouselSpec& c : loaded->carousels) keep.push_back(c.path);
-        if (loaded->http.root) keep.push_back(*loaded->http.root);
+void printBanner(const PrivateRun& run, const BrowserSide& browser, bool builtin) {
+    emit("appmgr-emu: libapp-mgr on the simulated platform, " + browser.description());
+    emit("appmgr-emu: " +
+         (run.isolated ? run.detail : "the machine's /tmp and network, shared (" + run.detail + ")"));
+    if (!builtin) return;
+    emit("appmgr-emu: the first word of a line says who acts:");
+    emit("  library      the middleware calls libapp-mgr; \"->\" shows the result");
+    emit("  platform     libapp-mgr calls the simulated receiver");
+    emit("  receiver     the simulated receiver acts (tuning, start callback, carousel)");
+    emit("  http         the loopback HTTP server answers libapp-mgr");
+    emit("  Application, dtvPlugins, Callbacks, DSMCC ...");
+    emit("               a message on a browser socket: -> from the browser, <- from libapp-mgr");
+    emit("  decision     what libapp-mgr decided (read from its log)");
+    emit("  check        an expectation of the scenario was met");
+}
+
+// Runs s; whatever blocks, the watchdog ends the run within its limit.
+void runWithWatchdog(const Scenario& s, BrowserSide& browser) {
+    const int limit_ms = s.time_limit_s * 1000;
+    std::mutex mu;
+    std::condition_variable cv;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> g(mu);
+        if (!cv.wait_for(g, std::chrono::milliseconds(limit_ms), [&] { return done; }))
+            fail("the scenario did not finish within " + std::to_string(limit_ms / 1000) + " s");
+    });
+    runScenario(s, browser);
+    {
+        std::lock_guard<std::mutex> g(mu);
+        done = true;
     }
+    cv.notify_all();
+    watchdog.join();
+}
+
+// A scenario file is read completely before anything starts: a bad file
+// ends the run with status 2 and the library is never touched.
+int runEmulator(const Options& o) {
+    std::optional<Scenario> scenario;
+    if (o.scenario_file && !(scenario = load(*o.scenario_file))) return 2;
 
     // Still a single thread here, as the namespaces require.
     const PrivateRun private_run =
-        shared_tmp ? PrivateRun{false, "--shared-tmp given"} : enterPrivateRun(keep);
-
-    if (!scenario_file) {
-        std::string error;
-        const std::string dir = builtinDirectory(private_run.isolated);
-        if (dir.empty()) return 1;
-        const std::string path = writeBuiltinScenario(dir, &error);
-        if (path.empty()) {
-            std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
-            removeRunFiles();
-            return 1;
-        }
-        loaded = load(path);
-        if (!loaded) {
-            removeRunFiles();
-            return 1;
-        }
-        loaded->path = kBuiltinScenarioName;
+        o.shared_tmp
+            ? PrivateRun{false, "--shared-tmp given"}
+            : enterPrivateRun(scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{});
+    if (!scenario && !(scenario = loadBuiltin(private_run.isolated))) {
+        removeRunFiles();
+        return 1;
     }
-
-    if (!private_run.isolated) {
-        // Shared /tmp and network: refuse at once rather than meet another
-        // run (or a browser) on the fixed sockets or port.
-        const std::vector<std::string> held = heldResources(usesKeySteps(*loaded));
-        if (!held.empty()) {
-            std::string list;
-            for (const std::string& h : held) list += (list.empty() ? "" : ", ") + h;
-            std::fprintf(stderr,
-                         "appmgr-emu: cannot run: another process holds %s (another appmgr-emu, a "
-                         "browser or a library instance?); this run would share the machine's /tmp "
-                         "and network with it (%s)\n",
-                         list.c_str(), private_run.detail.c_str());
-            removeRunFiles();
-            return 1;
-        }
+    if (!private_run.isolated && !resourcesFree(*scenario, private_run)) {
+        removeRunFiles();
+        return 1;
     }
-
-    emit("appmgr-emu: libapp-mgr on the simulated platform, browser stand-in on /tmp/UNIX_*.domain");
-    emit("appmgr-emu: " + (private_run.isolated
-                               ? private_run.detail
-                               : "the machine's /tmp and network, shared (" + private_run.detail + ")"));
-
-    if (!scenario_file) {
-        emit("appmgr-emu: the first word of a line says who acts:");
-        emit("  library      the middleware calls libapp-mgr; \"->\" shows the result");
-        emit("  platform     libapp-mgr calls the simulated receiver");
-        emit("  receiver     the simulated receiver acts (tuning, start callback, carousel)");
-        emit("  http         the loopback HTTP server answers libapp-mgr");
-        emit("  Application, dtvPlugins, Callbacks, DSMCC ...");
-        emit("               a message on a browser socket: -> from the browser, <- from libapp-mgr");
-        emit("  decision     what libapp-mgr decided (read from its log)");
-        emit("  check        an expectation of the scenario was met");
-    }
+    std::unique_ptr<BrowserSide> browser = makeStandinSide();
+    printBanner(private_run, *browser, !o.scenario_file);
     hbb_sim_set_trace(onPlatformCall, nullptr);
-
-    // Watchdog: whatever blocks, the run ends within the overall limit.
-    const int limit_ms = loaded->time_limit_s * 1000;
-    std::mutex wd_mu;
-    std::condition_variable wd_cv;
-    bool done = false;
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> g(wd_mu);
-        if (!wd_cv.wait_for(g, std::chrono::milliseconds(limit_ms), [&] { return done; }))
-            fail("the scenario did not finish within " + std::to_string(limit_ms / 1000) + " s");
-    });
-
-    runScenario(*loaded);
-
-    {
-        std::lock_guard<std::mutex> g(wd_mu);
-        done = true;
-    }
-    wd_cv.notify_all();
-    watchdog.join();
+    runWithWatchdog(*scenario, *browser);
     hbb_sim_set_trace(nullptr, nullptr);
     removeRunFiles();
-    if (!scenario_file)
-        emit("appmgr-emu: more in examples/*.ini (appmgr-emu --scenario examples/broadband.ini);\n"
-             "            docs/emulator.md describes the output and the scenario files");
+    if (!o.scenario_file)
+        emit(
+            "appmgr-emu: more in examples/*.ini (appmgr-emu --scenario examples/broadband.ini);\n"
+            "            docs/emulator.md describes the output and the scenario files");
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (!parseCommandLine(argc, argv, options)) return 2;
+    if (options.help) {
+        usage(stdout);
+        return 0;
+    }
+    if (options.write_builtin) return writeBuiltin(*options.write_builtin);
+    return runEmulator(options);
 }

@@ -1,11 +1,5 @@
 #include "emu_output.h"
 
-#include "app_mgr.h"
-
-#include <thread>
-
-#include <future>
-
 #include <ftw.h>
 #include <stdio.h>
 
@@ -19,8 +13,6 @@ namespace appmgr::emu {
 using namespace appmgr::standin;
 
 namespace {
-
-constexpr int kReaderPollMs = 100;
 
 std::mutex g_out_mu;
 std::mutex g_context_mu;
@@ -143,36 +135,6 @@ bool FrameLog::waitFor(Connection c, int id, const std::vector<std::string>* fie
         timeout_ms);
 }
 
-void readFrames(BrowserStandin& standin, Connection c, const std::atomic<bool>& stop, FrameLog& log) {
-    while (!stop.load()) {
-        std::optional<Frame> f = standin.readFrame(c, kReaderPollMs);
-        if (f) {
-            emit(col(c) + "<- " + idAndName(f->id, commandName(f->id)) +
-                 fieldList(f->fields, f->trailing));
-            if (g_verbose) emit(col(c) + "   raw " + quoted(f->raw));
-            log.add(c, std::move(*f));
-            continue;
-        }
-        switch (standin.lastReadStatus(c)) {
-            case ReadStatus::Ok:
-            case ReadStatus::Timeout: break;
-            case ReadStatus::Malformed:
-                emit(col(c) + "<- malformed data dropped: " + standin.lastError(c));
-                break;
-            case ReadStatus::Closed: emit(col(c) + "-- connection closed by the library"); return;
-            case ReadStatus::NotConnected: return;
-            case ReadStatus::Error: emit(col(c) + "-- read error: " + standin.lastError(c)); return;
-        }
-    }
-}
-
-void sendRequest(BrowserStandin& standin, Connection c, int id, const std::vector<std::string>& fields) {
-    emit(trimRight(col(c) + "-> " + idAndName(id, requestName(c, id)) +
-                   (fields.empty() ? "" : fieldList(fields))));
-    if (!standin.sendRequest(c, id, fields))
-        fail(std::string("could not send request ") + std::to_string(id) + " on " + connectionName(c));
-}
-
 void onPlatformCall(const char* function, const char* details, void*) {
     emit(std::string("platform  ") + function + "(" + (details ? details : "") + ")");
 }
@@ -182,33 +144,6 @@ void emitLogLine(const char* line) {
     for (char& ch : text)
         if (ch == '\n' || ch == '\r') ch = ' ';
     emit("log       " + text);
-}
-
-void startLibraryWithBrowser(standin::BrowserStandin& standin, std::vector<std::thread>& readers,
-                             const std::atomic<bool>& stop_readers, FrameLog& frames) {
-    constexpr int kConnectMs = 5000;  // the library's sockets must appear by then
-    constexpr int kInitMs = 6000;     // the first applicationManagerInit() must return by then
-    libraryCall("applicationManagerInit()   [on its own thread]");
-    std::packaged_task<int()> first_init([] { return applicationManagerInit(); });
-    std::future<int> first_result = first_init.get_future();
-    std::thread init_thread(std::move(first_init));  // if it never returns, fail() ends the process
-    for (Connection c : standin::kAllConnections) {
-        if (!standin.connect(c, kConnectMs))
-            fail(std::string("could not connect ") + standin::connectionName(c) + ": " +
-                 standin.lastError(c));
-        emit(col(c) + "connected to " + standin.socketPath(c));
-    }
-    for (Connection c : {Connection::Application, Connection::Callbacks})
-        readers.emplace_back(readFrames, std::ref(standin), c, std::cref(stop_readers),
-                             std::ref(frames));
-    sendRequest(standin, Connection::Application, 83, {"1"});
-    if (first_result.wait_for(std::chrono::milliseconds(kInitMs)) != std::future_status::ready)
-        fail("timed out waiting for the first applicationManagerInit() to return");
-    int r = first_result.get();
-    init_thread.join();
-    libraryResult(r);
-    expectResult("applicationManagerInit()", r, 1);
-    expectState(APP_MANAGER_SUSPENDED);
 }
 
 }  // namespace appmgr::emu

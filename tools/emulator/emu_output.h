@@ -1,7 +1,6 @@
-// Output and checking helpers shared by the built-in scenario and the
-// scenario-file runner of appmgr-emu: whole-line output from many threads,
-// the column layout of the trace, failure exits, and the logs of frames and
-// events that steps wait for.
+// Output and checking helpers of appmgr-emu: whole-line output from many
+// threads, the column layout of the trace, failure exits, and the logs of
+// frames and events that steps wait for.
 #pragma once
 
 #include <atomic>
@@ -12,7 +11,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "browser_standin.h"
@@ -135,22 +133,6 @@ public:
     // Waits for a frame on c with this id (and these fields, if given).
     bool waitFor(Connection c, int id, const std::vector<std::string>* fields, int timeout_ms);
 };
-
-// Prints and records every frame the library pushes on one connection until
-// stop is set or the connection ends.
-void readFrames(standin::BrowserStandin& standin, Connection c, const std::atomic<bool>& stop,
-                FrameLog& log);
-
-// Shows and sends a browser request "id|fields|"; fails when it cannot be sent.
-void sendRequest(standin::BrowserStandin& standin, Connection c, int id,
-                 const std::vector<std::string>& fields);
-
-// The first applicationManagerInit() on a thread of its own while the
-// stand-in connects all five sockets, starts a frame reader on
-// "Application" and "Callbacks" and reports the browser present (83|1|);
-// fails unless the call returns 1 and leaves the library suspended.
-void startLibraryWithBrowser(standin::BrowserStandin& standin, std::vector<std::thread>& readers,
-                             const std::atomic<bool>& stop_readers, FrameLog& frames);
 
 // Platform trace hook: "platform  name(details)".
 void onPlatformCall(const char* function, const char* details, void* user);

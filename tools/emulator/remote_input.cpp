@@ -44,7 +44,6 @@ void RemoteInputListener::serve() {
             if (fd >= 0) {
                 if (client >= 0) ::close(client);
                 client = fd;
-                ++connections_;
             }
             continue;
         }

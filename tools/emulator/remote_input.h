@@ -29,8 +29,6 @@ public:
     // Takes every byte received so far, waiting up to timeout_ms for the
     // first zero byte (the end of a key command) when none is there yet.
     std::string take(int timeout_ms);
-    // Number of connections accepted so far.
-    int connections() const { return connections_.load(); }
 
 private:
     void serve();
@@ -38,7 +36,6 @@ private:
     int listen_fd_ = -1;
     int port_ = 0;
     std::atomic<bool> stop_{false};
-    std::atomic<int> connections_{0};
     std::thread thread_;
     std::mutex mu_;
     std::condition_variable cv_;

@@ -4,29 +4,23 @@
 //
 // Reading is pure: nothing here touches the library's state, the platform or
 // the sockets. Every error names the file and, where it has one, the line,
-// and says what was expected. Running a scenario is scenario_runner.h.
-//
-// Timeline steps are parsed by step kinds kept in a registry: a kind has a
-// name, a one-line syntax for messages and a parse function that checks the
-// step's arguments against the scenario and stores them normalised in the
-// Step. The runner keeps the matching table of run functions.
+// and says what was expected. The sections a file may have are the rows of
+// one table (scenario_sections.cpp), the step kinds of its timeline the rows
+// of another (steps.h); running a scenario is scenario_runner.h.
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "scenario_text.h"
 
 namespace appmgr::emu {
 
 // AIT transport protocol ids.
 constexpr int kTransportCarousel = 1;
 constexpr int kTransportHttp = 3;
-
-// The placeholder replaced by "127.0.0.1:PORT" of the emulator's HTTP
-// responder in URLs, browser messages and expected texts.
-constexpr const char* kHttpPlaceholder = "{http}";
 
 // TCP port of the graphics system's remote-input service on 127.0.0.1; the
 // shipped library connects to it to inject keys.
@@ -198,45 +192,5 @@ struct Scenario {
 // Reads a scenario. On failure returns nullopt and puts "FILE[:LINE]: what"
 // into *error.
 std::optional<Scenario> loadScenario(const std::string& path, std::string* error);
-
-// ---- step kinds --------------------------------------------------------------
-
-struct StepKind {
-    std::string name;
-    std::string syntax;  // "deliver_ait NAME"
-    // Checks step.text (already split into kind and the rest) and fills
-    // step.args / step.tail. Returns "" or what is wrong.
-    std::function<std::string(Step& step, const std::string& rest, const Scenario& s)> parse;
-};
-
-const std::vector<StepKind>& stepKinds();
-const StepKind* findStepKind(const std::string& name);
-// Adds (or replaces) a kind; for kinds defined outside this file.
-void addStepKind(StepKind kind);
-
-// ---- names and small parsers shared with the runner -----------------------------
-
-// Decisions of the library the trace reports and "expect decision" checks.
-const std::vector<std::string>& decisionKinds();
-
-// "AUTOSTART" for 1 ... ; nullptr for other numbers.
-const char* controlCodeName(int code);
-// "0x10.1" / "16.1" -> organisation and application id.
-bool parseAppIds(const std::string& text, int* org, int* app);
-std::string formatAppIds(int org, int app);
-// Splits "a|b|c|" or "a|b|c" into fields (a last "|" is optional).
-std::vector<std::string> splitExpectedFields(const std::string& text);
-// Replaces every {http} by host.
-std::string expandPlaceholders(const std::string& text, const std::string& host);
-// Bytes written with escapes: \n, \r, \t, \0, \\ and \xNN (two hex digits);
-// other characters stand for themselves. Nullopt (and the reason in *error)
-// for a malformed escape.
-std::optional<std::string> unescapeBytes(const std::string& text, std::string* error);
-// path as it is when absolute, else relative to the directory of file.
-std::string resolveAgainst(const std::string& file, const std::string& path);
-// The launch types of Hbbtv_AM_Launch_Application by name ("broadcast" is
-// eLaunchFormBroadcastApp = 0 ... "other" = 9); -1 for an unknown name.
-int launchTypeValue(const std::string& name);
-const char* launchTypeName(int value);
 
 }  // namespace appmgr::emu

@@ -1,15 +1,17 @@
 // Runs a scenario read by loadScenario against the library: the simulated
-// receiver is set up from it, the library is started with the browser
-// stand-in connected, the timeline's steps run in order, and the library's
-// decisions (taken from its log) are printed and checked.
+// receiver is set up from it, the library is started with the browser side
+// connected, the timeline's steps run in order, and the library's decisions
+// are printed and checked.
 #pragma once
 
+#include "browser_side.h"
 #include "scenario.h"
 
 namespace appmgr::emu {
 
-// Runs s; returns when every step passed. A failed step ends the process
-// with status 1 (see fail() in emu_output.h).
-void runScenario(const Scenario& s);
+// Runs s with browser on the other end of the library's sockets; returns
+// when every step passed. A failed step ends the process with status 1 (see
+// fail() in emu_output.h).
+void runScenario(const Scenario& s, BrowserSide& browser);
 
 }  // namespace appmgr::emu
