@@ -124,13 +124,7 @@ void on_exit_key() {
 
 extern "C" {
 
-void application_manager_request_stop(void) {
-    const application_mngr_callback_item_t callbacks = state::callbacks();
-    if (callbacks.enable_flag == 1 && callbacks.hbbtv_stop_app_callback != nullptr) {
-        hbbIsAllowStopChannel(0);
-        callbacks.hbbtv_stop_app_callback();
-    }
-}
+void application_manager_request_stop(void) { appmgr::core::ask_middleware(false); }
 
 void handle_application_load_error(char* app_url) {
     AM_DECISION(AM_LOG_INFO, decision::at(decision::Kind::LoadError, app_url),

@@ -196,6 +196,15 @@ void finish_start(const char* url, bool stop_the_broadcast) {
     state::set_loaded_url("");
 }
 
+void ask_middleware(bool start) {
+    const application_mngr_callback_item_t callbacks = state::callbacks();
+    const application_mngr_callback callback =
+        start ? callbacks.hbbtv_start_app_callback : callbacks.hbbtv_stop_app_callback;
+    if (callbacks.enable_flag != 1 || callback == nullptr) return;
+    hbbIsAllowStopChannel(start ? 1 : 0);
+    callback();
+}
+
 const char* boundary_of(const Application& entry) {
     return entry.app_boundary != nullptr ? entry.app_boundary : kNoBoundary;
 }
@@ -247,13 +256,7 @@ void start_autostart_app() {
 
 extern "C" {
 
-void application_manager_request_start(void) {
-    const application_mngr_callback_item_t callbacks = state::callbacks();
-    if (callbacks.enable_flag == 1 && callbacks.hbbtv_start_app_callback != nullptr) {
-        hbbIsAllowStopChannel(1);
-        callbacks.hbbtv_start_app_callback();
-    }
-}
+void application_manager_request_start(void) { appmgr::core::ask_middleware(true); }
 
 int application_create(char* param_url) {
     if (param_url == nullptr) {
