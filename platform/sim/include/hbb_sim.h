@@ -102,6 +102,10 @@ int hbb_sim_mounted_carousel(void);
 
 /* Appends a copy of a channel; returns its position, or -1. */
 int hbb_sim_add_channel(const Channel* channel);
+/* Replaces the channel at a position by a copy (what a service scan learns
+ * later, such as the name from the SDT); the current channel stays the one
+ * at its position. 0 on success, -1 for a position outside the list. */
+int hbb_sim_update_channel(int position, const Channel* channel);
 /* Makes the channel at a position current (and presenting); -1 leaves no
  * channel current. 0 on success, -1 for a position outside the list. */
 int hbb_sim_set_current_channel(int position);
