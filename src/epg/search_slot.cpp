@@ -74,31 +74,46 @@ void SearchSlot::set_initial_limit(int offset, int limit) {
     notification_limit_ = limit;
 }
 
+namespace {
+
+// Window arithmetic is done in 64 bits: the browser chooses offset and count
+// freely (-2147483648 included), and a window never reports more results
+// than are stored nor fewer than none.
+int bounded_length(long long length, int stored) {
+    if (length < 0) return 0;
+    return length > stored ? stored : static_cast<int>(length);
+}
+
+}  // namespace
+
 bool SearchSlot::current_window(int& offset, int& length, int& total_found) {
     std::lock_guard<std::mutex> lock(guard_);
     const int members = results_.size();
     if (members != notification_limit_) return false;
     offset = search_offset_;
-    length = notification_limit_ - search_offset_;
+    length = bounded_length(static_cast<long long>(notification_limit_) - search_offset_, members);
     total_found = members;
     AM_INFO("Will dispatch search event to JavaScript (offset: %d, length: %d, totalFound: %d)",
             offset, length, total_found);
     return true;
 }
 
+// The length is the window count when more results than that were stored,
+// else the results past the offset; the log line shows the count past the
+// offset, as asked.
 void SearchSlot::end_window(int& offset, int& length, int& total_found) {
     std::lock_guard<std::mutex> lock(guard_);
     const int members = results_.size();
     offset = search_offset_;
     total_found = members;
+    long long wanted = 0;
     if (members > notification_limit_)
-        length = notification_limit_;
+        wanted = notification_limit_;
     else if (search_offset_ < members)
-        length = members - search_offset_;
-    else
-        length = 0;
-    AM_INFO("End of search event to JavaScript (offset: %d, length: %d, totalFound: %d)", offset,
-            notification_limit_ - search_offset_, total_found);
+        wanted = static_cast<long long>(members) - search_offset_;
+    length = bounded_length(wanted, members);
+    AM_INFO("End of search event to JavaScript (offset: %d, length: %lld, totalFound: %d)", offset,
+            static_cast<long long>(notification_limit_) - search_offset_, total_found);
 }
 
 ResultStore::Added SearchSlot::add_result(sSearchTaskResultsData& result) {

@@ -1,8 +1,10 @@
 // Records on the wire (see request_records.h).
 #include "tools/request_records.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "common/log.h"
 
@@ -97,6 +99,44 @@ SubtitlePtr read_subtitle_component(Request& request) {
     subtitle->hearingImpaired = request.integer();
     if (failed) return nullptr;
     return subtitle;
+}
+
+std::string channel_record(const Channel& channel) {
+    protocol::Fields whole;
+    protocol::add_channel(whole, channel);
+    if (whole.text().size() < kChannelRecordSize) return whole.text();
+
+    std::size_t excess = whole.text().size() - (kChannelRecordSize - 1);
+    std::string name = channel.name != nullptr ? channel.name : "";
+    std::string dsd = channel.dsd != nullptr ? channel.dsd : "";
+    std::string ccid = channel.ccid != nullptr ? channel.ccid : "";
+    // The longest text gives up characters until it is as short as the next
+    // one, then both do, and so on. A missing text ("(null)") is not cut.
+    std::vector<std::string*> texts;
+    if (channel.name != nullptr) texts.push_back(&name);
+    if (channel.dsd != nullptr) texts.push_back(&dsd);
+    if (channel.ccid != nullptr) texts.push_back(&ccid);
+    while (excess > 0 && !texts.empty()) {
+        std::stable_sort(texts.begin(), texts.end(),
+                         [](const std::string* a, const std::string* b) { return a->size() > b->size(); });
+        std::string& longest = *texts[0];
+        if (longest.empty()) break;
+        const std::size_t next = texts.size() > 1 ? texts[1]->size() : 0;
+        std::size_t cut = longest.size() - next;
+        if (cut == 0) cut = 1;
+        if (cut > excess) cut = excess;
+        longest.resize(longest.size() - cut);
+        excess -= cut;
+    }
+    Channel shortened = channel;
+    if (channel.name != nullptr) shortened.name = name.data();
+    if (channel.dsd != nullptr) shortened.dsd = dsd.data();
+    if (channel.ccid != nullptr) shortened.ccid = ccid.data();
+    protocol::Fields cut;
+    protocol::add_channel(cut, shortened);
+    AM_WARN("channel record of %zu characters cut to %zu (longest texts shortened)",
+            whole.text().size(), cut.text().size());
+    return cut.text();
 }
 
 void add_video_component(protocol::Fields& fields, const AVVideoComponent& component) {

@@ -75,6 +75,17 @@ SubtitlePtr read_subtitle_component(Request& request);
 
 // ---- records in replies ----
 
+// Room for the channel record of replies 30 to 34, its terminating zero
+// included: the browser reads the record into a buffer of this size.
+constexpr std::size_t kChannelRecordSize = 256;
+// The channel record of replies 30 to 34 (the fields of
+// protocol::add_channel) in at most kChannelRecordSize - 1 characters. When
+// the texts make it longer, the longest of name, delivery system descriptor
+// and ccid are shortened first, so that every field is still there and ends
+// with "|" (the numbers and separators need at most 99 characters, which
+// leaves every text at least 52).
+std::string channel_record(const Channel& channel);
+
 void add_video_component(protocol::Fields& fields, const AVVideoComponent& component);
 void add_audio_component(protocol::Fields& fields, const AVAudioComponent& component);
 void add_subtitle_component(protocol::Fields& fields, const AVSubtitleComponent& component);

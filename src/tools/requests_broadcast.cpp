@@ -88,10 +88,9 @@ void reply_channel(Request& request, Channel* found) {
         request.not_available("Channel not available!");
         return;
     }
-    protocol::Fields fields;
-    protocol::add_channel(fields, *channel);
-    AM_INFO("Sending message return: %s", fields.text().c_str());
-    request.reply(fields);
+    const std::string record = channel_record(*channel);
+    AM_INFO("Sending message return: %s", record.c_str());
+    request.reply(record);
 }
 
 void get_current_channel(Request& request) { reply_channel(request, broadcast_get_current_channel()); }

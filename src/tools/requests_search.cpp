@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include "broadcast/broadcast.h"
 #include "common/log.h"
 #include "epg/epg.h"
 #include "hbb_platform.h"
@@ -195,11 +196,8 @@ void get_search_item_long_description(Request& r) {
                "Information about search item long descriptor not available!");
 }
 
-// Requests 103 to 105 belong to the programme object of the broadcast
-// bridge; until its programme_get_si_descriptors_length / _item /
-// programme_get_long_description exist, they call the platform directly
-// (the bridge functions only forward to these calls). The platform's texts
-// stay the middleware's and are not freed.
+// Requests 103 to 105 are served by the programme object of the broadcast
+// bridge. The texts it returns stay the middleware's and are not freed.
 void get_si_descriptors_length(Request& r) {
     AM_INFO("Command CMD_GET_SI_DESCRIPTORS_LENGTH received");
     const std::string channelID = r.text(kChannelIdLength);
@@ -210,8 +208,8 @@ void get_si_descriptors_length(Request& r) {
     AM_INFO("Command CMD_GET_SI_DESCRIPTORS_LENGTH received, channelID: %s, eventID: %s, "
             "descriptorTag: %d, descriptorTagExtension: %d, privateDataSpecifier: %d",
             channelID.c_str(), eventID.c_str(), tag, tagExtension, privateDataSpecifier);
-    r.reply_int(hbbGetSIDescriptorsLength(channelID.c_str(), eventID.c_str(), tag, tagExtension,
-                                          privateDataSpecifier));
+    r.reply_int(programme_get_si_descriptors_length(channelID.c_str(), eventID.c_str(), tag,
+                                                    tagExtension, privateDataSpecifier));
 }
 
 void get_si_descriptors_item(Request& r) {
@@ -225,8 +223,8 @@ void get_si_descriptors_item(Request& r) {
             "descriptorTag: %d, descriptorTagExtension: %d, index: %d",
             channelID.c_str(), eventID.c_str(), tag, tagExtension, index);
     reply_text(r,
-               hbbGetSIDescriptorsItem(channelID.c_str(), eventID.c_str(), tag, tagExtension,
-                                       index),
+               programme_get_si_descriptors_item(channelID.c_str(), eventID.c_str(), tag,
+                                                 tagExtension, index),
                "Information about SI descriptor not available!");
 }
 
@@ -236,7 +234,7 @@ void get_programme_long_description(Request& r) {
     const std::string eventID = r.text(kEventIdLength);
     AM_INFO("Command CMD_GET_PROGRAMME_ITEM_LONG_DESC received, channelID: %s, eventID: %s",
             channelID.c_str(), eventID.c_str());
-    reply_text(r, hbbGetProgrammeLongDescription(channelID.c_str(), eventID.c_str()),
+    reply_text(r, programme_get_long_description(channelID.c_str(), eventID.c_str()),
                "Information about long descriptor not available!");
 }
 
@@ -275,6 +273,7 @@ void remove_constraints(Request& r) {
 }
 
 void get_current_time(Request& r) {
+    AM_INFO("Command CMD_GET_CURRENT_TIME received");
     const int now = hbbGetCurrentTime();
     AM_INFO("Command CMD_GET_CURRENT_TIME : %d", now);
     r.reply_int(now);

@@ -329,3 +329,47 @@ TEST_F(PluginRequestsTest, BadFields) {
     EXPECT_EQ(hbb_sim_call_count("QUMA_StreamEventsSubscribe"), 0);
     EXPECT_EQ(hbb_sim_call_count("hbbGetChannel"), 0);
 }
+
+// Channel records go to a browser buffer of 256 characters: texts too long
+// for it are cut, the longest first, and every field is still there.
+TEST_F(PluginRequestsTest, ChannelRecordsFitTheBrowsersBuffer) {
+    const std::string long_name(300, 'n'), long_dsd(400, 'd');
+    auto add = [](const std::string& name, const std::string& dsd, int sid) {
+        Channel c{};
+        c.ccid = const_cast<char*>("ccid:1.2.9");
+        c.onid = 1;
+        c.tsid = 2;
+        c.sid = sid;
+        c.name = const_cast<char*>(name.c_str());
+        c.dsd = const_cast<char*>(dsd.c_str());
+        return hbb_sim_add_channel(&c);
+    };
+    auto fields_of = [](const std::string& record) {
+        std::vector<std::string> fields;
+        std::size_t start = 0;
+        for (std::size_t bar; (bar = record.find('|', start)) != std::string::npos; start = bar + 1)
+            fields.push_back(record.substr(start, bar - start));
+        EXPECT_EQ(start, record.size()) << "the last field ends with '|'";
+        return fields;
+    };
+    const int named = add(long_name, "dsd-z", 9);
+    const int described = add("Nine", long_dsd, 10);
+    for (int position : {named, described}) {
+        const std::string record = ask(Connection::DtvPlugins, 32, {std::to_string(position)});
+        EXPECT_EQ(record.size(), 255u);
+        const auto fields = fields_of(record);
+        ASSERT_EQ(fields.size(), 11u) << record;
+        EXPECT_EQ(fields[1], "ccid:1.2.9");
+        EXPECT_EQ(fields[5], std::to_string(position == named ? 9 : 10));
+        if (position == named) {
+            EXPECT_EQ(fields[7], "dsd-z");
+            EXPECT_EQ(fields[6], long_name.substr(0, fields[6].size()));
+        } else {
+            EXPECT_EQ(fields[6], "Nine");
+            EXPECT_EQ(fields[7], long_dsd.substr(0, fields[7].size()));
+        }
+    }
+    // The same record through the triplet request, and a short record whole.
+    EXPECT_EQ(ask(Connection::DtvPlugins, 33, {"1", "2", "9"}).size(), 255u);
+    EXPECT_EQ(ask(Connection::DtvPlugins, 33, {"1", "2", "4"}), kTwoRecord);
+}

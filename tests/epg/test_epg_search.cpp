@@ -67,6 +67,14 @@ TEST_F(Search, WindowArithmetic) {
     // Offset past the results.
     EXPECT_EQ(run(1, 5, 5, 10), (Status{5, 0, 5, 0, 3}));
     EXPECT_EQ(hbbGetSearchItem(1, 5, 0), nullptr);
+    // Offsets and counts at the ends of the int range: a window never
+    // reports more results than are stored, nor fewer than none, and its
+    // arithmetic does not overflow (the sanitizer build checks).
+    EXPECT_EQ(run(1, 5, INT_MIN, 10), (Status{5, 0, INT_MIN, 3, 3}));
+    EXPECT_EQ(hbbGetSearchItem(1, 5, INT_MAX), nullptr);
+    EXPECT_EQ(run(1, 5, -1, INT_MAX), (Status{5, 0, -1, 3, 3}));
+    EXPECT_EQ(run(1, 5, 0, INT_MIN), (Status{5, 0, 0, 0, 3}));
+    EXPECT_EQ(run(1, 5, INT_MAX, INT_MAX), (Status{5, 0, INT_MAX, 0, 3}));
     EXPECT_EQ(hbbDestroySearch(1, 5), 0);
 }
 

@@ -99,3 +99,32 @@ TEST_F(SearchRequestsTest, BadFieldsAreAnsweredAsFailures) {
     EXPECT_EQ(ask(94, {"1", "5", "0", "0", "0", "6", std::string(1023, 'k')}), "0|");
     EXPECT_EQ(ask(99, {"abc", "def", "ghi"}), "NOT_AVAILABLE|");
 }
+
+// The programme object's SI-descriptor and long-description requests, and
+// the log lines of the time request.
+TEST_F(SearchRequestsTest, ProgrammeDescriptorsAndTheTime) {
+    ASSERT_EQ(hbb_sim_add_si_descriptor("ccid:1", "0x10", 0x54, -1, 0, "54020010"), 0);
+    ASSERT_EQ(hbb_sim_add_si_descriptor("ccid:1", "0x10", 0x54, -1, 0, "54021020"), 0);
+    EXPECT_EQ(ask(103, {"ccid:1", "0x10", "84", "-1", "-1"}), "2|");
+    EXPECT_EQ(ask(103, {"ccid:1", "0x11", "84", "-1", "-1"}), "0|");
+    EXPECT_EQ(ask(104, {"ccid:1", "0x10", "84", "-1", "1"}), "54021020|");
+    EXPECT_EQ(ask(104, {"ccid:1", "0x10", "84", "-1", "2"}), "NOT_AVAILABLE|");
+    EXPECT_TRUE(log_.contains("Information about SI descriptor not available!"));
+    // A channel id longer than its 16 characters is cut and names nothing.
+    EXPECT_EQ(ask(103, {"ccid:1" + std::string(20, '0'), "0x10", "84", "-1", "-1"}), "0|");
+    Channel channel{};
+    channel.ccid = const_cast<char*>("ccid:1");
+    Programme programme{};
+    programme.name = const_cast<char*>("News");
+    programme.programmeID = const_cast<char*>("0x10");
+    programme.longDescription = const_cast<char*>("All the news.");
+    ASSERT_EQ(hbb_sim_add_programme(hbb_sim_add_channel(&channel), &programme), 0);
+    EXPECT_EQ(ask(105, {"ccid:1", "0x10"}), "All the news.|");
+    EXPECT_EQ(ask(105, {"ccid:1", "0x11"}), "NOT_AVAILABLE|");
+    EXPECT_TRUE(log_.contains("Information about long descriptor not available!"));
+
+    hbb_sim_set_current_time(1790000123);
+    EXPECT_EQ(ask(125), "1790000123|");
+    EXPECT_TRUE(log_.contains("Command CMD_GET_CURRENT_TIME received"));
+    EXPECT_TRUE(log_.contains("Command CMD_GET_CURRENT_TIME : 1790000123"));
+}
