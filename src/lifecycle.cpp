@@ -10,6 +10,7 @@
 #include "ait/ait.h"
 #include "app_mgr.h"
 #include "app_mgr_stream_events.h"
+#include "common/interruption.h"
 #include "common/log.h"
 #include "common/seams.h"
 #include "connection/connection.h"
@@ -39,6 +40,7 @@ int first_start() {
         AM_ERROR("Initialization error - initAitGuard fail !!!");
         return 0;
     }
+    interruption::set_closing(false);
     state::set_library(APP_MANAGER_INITIALIZING);
     state::init_semaphore();
     AM_INFO("Application manager initialization...");
@@ -120,6 +122,9 @@ int close() {
         AM_WARN("Web browser is not running");
         return 0;
     }
+    // Transfers still running for the browser or the middleware end now:
+    // close waits for the threads that make them.
+    interruption::set_closing(true);
     AM_INFO("Closing Web Browser...");
     protocol::send_text(protocol::Command::CloseBrowser, "");
     AM_INFO("Web Browser closed...");

@@ -223,7 +223,9 @@ int QUMA_StreamEventsSubscribe(const char* eventName, const char* targetURL,
 int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL);
 /* An event described outside the carousel (XML stream-event description):
  * the library gives the component tag and event id it read from the
- * description; targetURL identifies the subscription. */
+ * description; targetURL identifies the subscription. A port refuses
+ * (non-zero) a component tag the current service does not carry: a
+ * description that could not be read arrives as tag 0 and event id 0. */
 int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* eventName,
                                   const char* targetURL, unsigned short eventId,
                                   tQUMAm_DSMCC_StreamEventCallback callback);

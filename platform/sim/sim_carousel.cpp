@@ -359,6 +359,11 @@ bool carousel_object(const char* url, int* component_tag, std::string* path) {
     return true;
 }
 
+bool carousel_served(int component_tag) {
+    std::lock_guard<std::mutex> lock(carousel_mutex);
+    return carousels.count(component_tag) != 0;
+}
+
 void reset_carousel() {
     std::lock_guard<std::mutex> lock(carousel_mutex);
     carousels.clear();

@@ -31,6 +31,8 @@ struct SimComponent {
 
 std::mutex components_mutex;
 std::vector<SimComponent> components;
+// Data components (stream events, carousels): channel and component tag.
+std::vector<std::pair<hbbsim::Triplet, int>> data_components;
 
 std::optional<std::string> optional_text(const char* text) {
     if (!text) return std::nullopt;
@@ -259,6 +261,18 @@ namespace hbbsim {
 void reset_components() {
     std::lock_guard<std::mutex> lock(components_mutex);
     components.clear();
+    data_components.clear();
+}
+
+bool current_channel_carries(int component_tag) {
+    Triplet channel;
+    if (!current_channel(&channel, nullptr)) return false;
+    std::lock_guard<std::mutex> lock(components_mutex);
+    for (const SimComponent& c : components)
+        if (c.channel == channel && c.tag == component_tag) return true;
+    for (const auto& [owner, tag] : data_components)
+        if (owner == channel && tag == component_tag) return true;
+    return false;
 }
 
 }  // namespace hbbsim
@@ -371,6 +385,18 @@ int hbb_sim_add_audio_component(int channel_position, const AVAudioComponent* co
 int hbb_sim_add_subtitle_component(int channel_position, const AVSubtitleComponent* component,
                                    int active) {
     return add(channel_position, given(component, from_subtitle), active);
+}
+
+int hbb_sim_add_data_component(int channel_position, int component_tag) {
+    hbbsim::Triplet channel;
+    if (component_tag < 0 || component_tag > 0xFFFF ||
+        !hbbsim::channel_triplet(channel_position, &channel))
+        return -1;
+    std::lock_guard<std::mutex> lock(components_mutex);
+    for (const auto& [owner, tag] : data_components)
+        if (owner == channel && tag == component_tag) return 0;
+    data_components.emplace_back(channel, component_tag);
+    return 0;
 }
 
 void hbb_sim_clear_components(void) { hbbsim::reset_components(); }

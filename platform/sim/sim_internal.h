@@ -44,6 +44,12 @@ std::string channel_ccid(const Triplet& channel);
 // not one.
 bool carousel_object(const char* url, int* component_tag, std::string* path);
 
+// Whether the current channel carries a component with this tag (an AV or a
+// data component of it); see hbb_sim_add_data_component.
+bool current_channel_carries(int component_tag);
+// Whether a carousel is served under this component tag.
+bool carousel_served(int component_tag);
+
 // Queues a notification for the notifier thread (see sim_notifier.cpp).
 void post(std::function<void()> task);
 // The library entry points the host registered.

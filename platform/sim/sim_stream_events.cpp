@@ -89,21 +89,26 @@ int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL) {
     return result;
 }
 
+// A component the current service does not carry cannot be filtered: the
+// subscription is refused, as a receiver refuses it.
 int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* eventName,
                                   const char* targetURL, unsigned short eventId,
                                   tQUMAm_DSMCC_StreamEventCallback callback) {
     int result = -1;
-    if (eventName && targetURL && callback) {
+    const bool carried =
+        hbbsim::current_channel_carries(componentTag) || hbbsim::carousel_served(componentTag);
+    if (eventName && targetURL && callback && carried) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
         result = subscribe_result;
         if (result == 0)
             subscriptions.push_back(
                 Subscription{eventName, targetURL, callback, true, componentTag, eventId});
     }
-    hbbsim::record("QUMA_StreamEventsWOCSubscribe", "ctag=%u name=%s url=%s id=%u callback=%s -> %d",
+    hbbsim::record("QUMA_StreamEventsWOCSubscribe",
+                   "ctag=%u name=%s url=%s id=%u callback=%s%s -> %d",
                    static_cast<unsigned>(componentTag), hbbsim::text_or_null(eventName),
                    hbbsim::text_or_null(targetURL), static_cast<unsigned>(eventId),
-                   callback ? "set" : "null", result);
+                   callback ? "set" : "null", carried ? "" : " (component not carried)", result);
     return result;
 }
 

@@ -118,6 +118,7 @@ struct DsmccFeed {
         std::vector<std::string> paths;
         std::vector<unsigned short> modules;
         Served served;
+        carried(tag);
         served.directory = directory;
         std::size_t files = 0, directories = 0;
         for (const dsmcc::CarouselEntry& e : tree.entries) {
@@ -125,7 +126,11 @@ struct DsmccFeed {
             modules.push_back(e.module_id);
             if (e.kind == dsmcc::CarouselEntry::Kind::File) ++files;
             if (e.kind == dsmcc::CarouselEntry::Kind::Directory) ++directories;
-            if (e.kind == dsmcc::CarouselEntry::Kind::StreamEvent) served.events.push_back({tag, e.path, e.object});
+            if (e.kind == dsmcc::CarouselEntry::Kind::StreamEvent) {
+                served.events.push_back({tag, e.path, e.object});
+                const int stream_tag = dsmcc::event_stream_tag(*e.object);
+                if (stream_tag >= 0) carried(stream_tag);
+            }
         }
         std::vector<const char*> path_texts;
         for (const std::string& p : paths) path_texts.push_back(p.c_str());
@@ -153,6 +158,15 @@ struct DsmccFeed {
         }
     }
 
+    // A component of the played service: a subscription to its events is
+    // then accepted. A capture without a PMT does not say which channel is
+    // the played service's; its components go to the current channel.
+    void carried(int tag) {
+        int position = player.channel_position();
+        if (position < 0) position = hbb_sim_current_channel();
+        if (position >= 0) hbb_sim_add_data_component(position, tag);
+    }
+
     void stream_event(const dsmcc::StreamEvent& event) {
         const uint16_t pid = static_cast<uint16_t>(event.pid);
         if (!ours(pid)) return;
@@ -163,6 +177,7 @@ struct DsmccFeed {
                         " have no component tag (no PMT names the PID); no listener can be reached");
             return;
         }
+        carried(tag);
         const void* data = event.data.empty() ? nullptr : event.data.data();
         const int length = static_cast<int>(event.data.size());
         int reached = hbb_sim_fire_stream_event_by_id(tag, event.event_id, eQUMAm_DSMCC_EVENT_FIRE, data, length);

@@ -127,16 +127,28 @@ int CapturePlayer::ensure_channel(const ServiceInfo& service) {
     // ID_DVB_T, terrestrial, as most HbbTV captures are.
     channel.idType = 12;
     const auto known = channel_positions_.find(service.sid);
+    int position = -1;
     if (known != channel_positions_.end()) {
-        hbb_sim_update_channel(known->second, &channel);
-        return known->second;
+        position = known->second;
+        hbb_sim_update_channel(position, &channel);
+    } else {
+        position = hbb_sim_add_channel(&channel);
+        if (position < 0) return -1;
+        channel_positions_[service.sid] = position;
+        ++stats_.channels_added;
+        if (service.sid == selected_) hbb_sim_set_current_channel(position);
     }
-    const int position = hbb_sim_add_channel(&channel);
-    if (position < 0) return -1;
-    channel_positions_[service.sid] = position;
-    ++stats_.channels_added;
-    if (service.sid == selected_) hbb_sim_set_current_channel(position);
+    // Its carousels and stream events are components the channel carries.
+    for (const Component& c : service.components)
+        if (c.component_tag >= 0 &&
+            (c.kind == ComponentKind::Carousel || c.kind == ComponentKind::StreamEvents))
+            hbb_sim_add_data_component(position, c.component_tag);
     return position;
+}
+
+int CapturePlayer::channel_position() const {
+    const auto known = channel_positions_.find(static_cast<uint16_t>(selected_));
+    return selected_ >= 0 && known != channel_positions_.end() ? known->second : -1;
 }
 
 void CapturePlayer::ait_version(const AitVersion& version) {

@@ -149,4 +149,17 @@ void set_remote_input_port(unsigned short port) { g_remote_input_port = port; }
 unsigned short remote_input_port() { return kRemoteInputPort; }
 #endif
 
+namespace {
+#ifdef APPMGR_TEST_SEAMS
+std::atomic<bool> g_transfers_offline{false};
+#endif
+}  // namespace
+
+#ifdef APPMGR_TEST_SEAMS
+bool transfers_offline() { return g_transfers_offline.load(); }
+void set_transfers_offline(bool offline) { g_transfers_offline = offline; }
+#else
+bool transfers_offline() { return false; }
+#endif
+
 }  // namespace appmgr::seams

@@ -37,6 +37,10 @@ long http_total_timeout(long fixed);
 // TCP port of the remote-input service on the local host (3585).
 unsigned short remote_input_port();
 
+// Whether HTTP transfers are refused before they start (never, except in a
+// test build that asked for it: fuzzers run the request handlers offline).
+bool transfers_offline();
+
 #ifdef APPMGR_TEST_SEAMS
 // Test-only overrides. An empty / negative / null value restores the default.
 void set_socket_dir(const std::string& dir);
@@ -57,6 +61,8 @@ void set_ait_handover_observer(AitHandoverObserver observer, void* user);
 void notify_ait_handover(const AitTable* table);
 // Port of the remote-input service; 0 restores the fixed port.
 void set_remote_input_port(unsigned short port);
+// Refuses every HTTP transfer before it starts (true) / lets them run.
+void set_transfers_offline(bool offline);
 #endif
 
 }  // namespace appmgr::seams

@@ -31,6 +31,7 @@
 #include "app_mgr.h"
 #include "common/atomic_word.h"
 #include "common/c_api.h"
+#include "common/interruption.h"
 #include "common/log.h"
 #include "connection/connection.h"
 
@@ -208,6 +209,18 @@ void unlink_path(const std::string& path) {
     if (!path.empty()) ::unlink(path.c_str());
 }
 
+// Work that a request starts (an HTTP transfer) ends early once the browser
+// has hung up on the connection or the connection is stopping: its answer
+// could not be delivered, and close or the next browser would wait for it.
+bool peer_gone(const void* context) {
+    const auto* m = static_cast<const Messenger_t*>(context);
+    if (stop_requested(m)) return true;
+    const int fd = load_acquire(m->s_msg_connection);
+    if (fd < 0) return true;
+    pollfd p{fd, POLLRDHUP, 0};
+    return ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0;
+}
+
 enum class Received { Delivered, Closed, Exit };
 
 // Receives one block and hands it to the callback.
@@ -224,6 +237,7 @@ Received receive_one(Messenger_t* m, int fd, bool log_block) {
     if (n <= 0) return Received::Closed;
 
     if (log_block) AM_INFO("msg_task received -> %s", buffer);
+    appmgr::interruption::Scope interruptible(peer_gone, m);
     int result = m->cb_func ? m->cb_func(m, buffer, static_cast<int>(n)) : 0;
     if (result != 0) {
         AM_INFO("MESSENGER-TASK: exiting!");

@@ -10,7 +10,11 @@
 // Besides its connect time-out, every transfer is bounded as a whole
 // (kTransferSeconds) and follows at most kMaxRedirects redirects: a server
 // that stalls, drips a byte at a time or redirects in a circle cannot hold
-// the caller (which may be the middleware's thread) for longer.
+// the caller (which may be the middleware's thread) for longer. Whatever
+// those limits, a transfer ends within about a second once nobody is left
+// to take its result (the browser connection it serves is gone, or the
+// library closes; common/interruption.h): libcurl asks the progress
+// callback at least once a second, also while nothing arrives.
 #include <curl/curl.h>
 
 #include <cstdio>
@@ -20,6 +24,7 @@
 #include <string>
 
 #include "app_mgr_broadband.h"
+#include "common/interruption.h"
 #include "common/log.h"
 #include "common/seams.h"
 #include "state/state.h"
@@ -85,6 +90,28 @@ bool set_limits(CURL* curl, long total_seconds) {
            curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects) == CURLE_OK;
 }
 
+int stop_when_interrupted(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return appmgr::interruption::requested() ? 1 : 0;
+}
+
+// Runs a transfer whose options are set, with the progress callback that
+// ends it when its result has nobody left to take it.
+CURLcode perform(CURL* curl) {
+    if (seams::transfers_offline()) {
+        AM_ERROR("transfer refused: transfers are switched off\n");
+        return CURLE_COULDNT_CONNECT;
+    }
+    if (curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &stop_when_interrupted) != CURLE_OK ||
+        curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L) != CURLE_OK)
+        return CURLE_FAILED_INIT;
+    const CURLcode res = appmgr::interruption::requested() ? CURLE_ABORTED_BY_CALLBACK
+                                                           : curl_easy_perform(curl);
+    if (res == CURLE_ABORTED_BY_CALLBACK)
+        AM_WARN("transfer ended: the browser connection it serves is gone or the library is "
+                "closing\n");
+    return res;
+}
+
 std::string user_agent() {
     bool stored = false;
     return appmgr::state::user_agent(&stored);
@@ -127,7 +154,7 @@ bool head_probe(const char* url) {
         AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
         return false;
     }
-    const CURLcode res = curl_easy_perform(curl);
+    const CURLcode res = perform(curl);
     if (res != CURLE_OK) {
         AM_ERROR("curl_easy_perform---ERROR---curl_res = %d!\n", static_cast<int>(res));
         return false;
@@ -184,7 +211,7 @@ bool fetch_xml_ait(const char* url, PageInfo* page) {
         AM_ERROR("curl_easy_setopt failed with code: %d\n", static_cast<int>(rc));
         return false;
     }
-    const CURLcode res = curl_easy_perform(curl);
+    const CURLcode res = perform(curl);
     if (res != CURLE_OK) {
         AM_ERROR("Sending soup message failed :%d\n\n", static_cast<int>(res));
         return false;
@@ -216,7 +243,7 @@ bool fetch_ait_update(const char* url, PageInfo* page) {
                      seams::http_connect_timeout(kUpdateConnectTimeout));
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     set_limits(curl, kUpdateTimeout);
-    const CURLcode res = curl_easy_perform(curl);
+    const CURLcode res = perform(curl);
     AM_INFO("xmlAitUpdate res = %d\n\n", static_cast<int>(res));
     return res == CURLE_OK;
 }
@@ -234,7 +261,7 @@ bool fetch_document(const char* url, long connect_seconds, PageInfo* page) {
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, seams::http_connect_timeout(connect_seconds));
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     set_limits(curl, kTransferSeconds);
-    const CURLcode res = curl_easy_perform(curl);
+    const CURLcode res = perform(curl);
     if (res != CURLE_OK) AM_ERROR("download of %s failed: %d\n", url, static_cast<int>(res));
     return res == CURLE_OK;
 }

@@ -52,6 +52,9 @@ void add_services() {
     add_channel(CHANNEL_TYPE_TV, "ccid:1.2.4", 4, "Two", "dsd-a", 2);
     add_channel(CHANNEL_TYPE_RADIO, "ccid:1.2.5", 5, "Radio", "dsd-b", 3);
     hbb_sim_set_current_channel(kOne);
+    // The first service carries stream events on component tags 7 and 19.
+    hbb_sim_add_data_component(kOne, 7);
+    hbb_sim_add_data_component(kOne, 19);
 
     ParentalRating twelve{const_cast<char*>("12"), const_cast<char*>("dvb-si"), 9, 0,
                           const_cast<char*>("GBR")};

@@ -239,9 +239,11 @@ TEST_F(StreamEventTest, DescriptionListenersOverHttp) {
     ASSERT_EQ(hbb_sim_stream_event_subscribed(swapped.c_str(), "testevent", &tag, &id), 1);
     EXPECT_EQ(tag, 7);
     EXPECT_EQ(id, 0);
-    // A description that is not there subscribes tag 0 and id 0.
-    EXPECT_EQ(ask(Connection::DtvPlugins, 46, {http.url("/missing.xml"), "x"}), "0|");
+    // A description that cannot be read asks for tag 0 and id 0, which the
+    // receiver refuses: the current service carries no component 0.
+    EXPECT_EQ(ask(Connection::DtvPlugins, 46, {http.url("/missing.xml"), "x"}), "2|");
     EXPECT_TRUE(log_.contains("Parsed stream event: x 0 0"));
+    EXPECT_EQ(hbb_sim_stream_event_subscribed(http.url("/missing.xml").c_str(), "x", nullptr, nullptr), 0);
 }
 
 // After a page is loaded, a relative URL is read from the page's directory

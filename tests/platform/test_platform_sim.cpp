@@ -324,4 +324,37 @@ TEST_F(PlatformSim, CarouselModulesAndObjectEventsOfACapturedCarousel) {
     std::filesystem::remove_all(root);
 }
 
+// A subscription by component tag needs a component the current channel
+// carries; the channel's AV and data components count, and follow it.
+TEST_F(PlatformSim, DescribedEventsNeedAComponentOfTheCurrentChannel) {
+    Channel one{};
+    one.onid = 1;
+    one.tsid = 2;
+    one.sid = 3;
+    Channel two = one;
+    two.sid = 4;
+    const int first = hbb_sim_add_channel(&one);
+    const int second = hbb_sim_add_channel(&two);
+    ASSERT_EQ(0, hbb_sim_add_data_component(first, 0x13));
+    AVComponent inner{AV_COMPONENT_TYPE_VIDEO, nullptr, 0, 0x21, 100};
+    AVVideoComponent video{&inner, 1.78};
+    ASSERT_EQ(0, hbb_sim_add_video_component(second, &video, 1));
+    EXPECT_EQ(-1, hbb_sim_add_data_component(7, 0x13));
+    EXPECT_EQ(-1, hbb_sim_add_data_component(first, 0x10000));
+
+    EXPECT_NE(0, QUMA_StreamEventsWOCSubscribe(0x13, "go", "http://a/e.xml", 1, count_event))
+        << "no channel is current";
+    ASSERT_EQ(0, hbb_sim_set_current_channel(first));
+    EXPECT_EQ(0, QUMA_StreamEventsWOCSubscribe(0x13, "go", "http://a/e.xml", 1, count_event));
+    EXPECT_NE(0, QUMA_StreamEventsWOCSubscribe(0, "go", "http://a/f.xml", 0, count_event));
+    EXPECT_NE(0, QUMA_StreamEventsWOCSubscribe(0x21, "go", "http://a/g.xml", 1, count_event));
+    char details[256];
+    hbb_sim_last_call("QUMA_StreamEventsWOCSubscribe", details, sizeof details);
+    EXPECT_NE(std::string(details).find("(component not carried) -> -1"), std::string::npos) << details;
+    ASSERT_EQ(0, hbb_sim_set_current_channel(second));
+    EXPECT_EQ(0, QUMA_StreamEventsWOCSubscribe(0x21, "go", "http://a/g.xml", 1, count_event));
+    EXPECT_NE(0, QUMA_StreamEventsWOCSubscribe(0x13, "go", "http://a/h.xml", 1, count_event));
+    EXPECT_EQ(2, hbb_sim_stream_event_subscriptions());
+}
+
 }  // namespace

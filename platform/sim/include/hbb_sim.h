@@ -324,7 +324,16 @@ int hbb_sim_add_audio_component(int channel_position, const AVAudioComponent* co
                                 int active);
 int hbb_sim_add_subtitle_component(int channel_position, const AVSubtitleComponent* component,
                                    int active);
-/* Forgets every component. */
+/* A data component of a channel (DSM-CC stream events or a carousel) by its
+ * component tag; it stays with the channel's triplet. 0, or -1 for a
+ * position outside the list or a tag outside 0..0xFFFF.
+ * The components the current channel carries are its AV components, its
+ * data components and the carousels served (hbb_sim_set_carousel): a
+ * subscription to stream events described outside the carousel
+ * (QUMA_StreamEventsWOCSubscribe) on any other component tag is refused, as
+ * a receiver refuses one on a component it cannot filter. */
+int hbb_sim_add_data_component(int channel_position, int component_tag);
+/* Forgets every component, data components included. */
 void hbb_sim_clear_components(void);
 
 /* ---- receiver settings ---------------------------------------------------------------- */

@@ -586,6 +586,8 @@ public:
     const std::string& error() const { return error_; }
     // The service being played (-1 until one is chosen).
     int service() const { return selected_; }
+    // The channel position of the played service, -1 before it has one.
+    int channel_position() const;
     // The last AIT table handed over (for logs and tests); null when none.
     const AitTable* last_ait() const { return last_ait_.get(); }
     // Called after each AIT version was handed over (on the playing thread).
