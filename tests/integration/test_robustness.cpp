@@ -29,20 +29,6 @@ namespace {
 // libxml2's own and counts the calls.
 std::atomic<int> g_parser_cleanups{0};
 
-// Runs `call` on a thread and waits for it; a call still running after the
-// deadline is a hang: the test fails and the process ends at once, since
-// the hung thread cannot be joined.
-template <typename F>
-auto within(std::chrono::seconds deadline, const char* what, F call) {
-    auto result = std::async(std::launch::async, call);
-    if (result.wait_for(deadline) != std::future_status::ready) {
-        ADD_FAILURE() << what << " still blocked after " << deadline.count() << " s";
-        std::fflush(nullptr);
-        std::_Exit(1);
-    }
-    return result.get();
-}
-
 long status_field(const char* name) {
     std::ifstream in("/proc/self/status");
     std::string line;

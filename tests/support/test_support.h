@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <string>
@@ -75,6 +77,21 @@ inline std::string current_entry_url(int index) {
         const char* url = e ? appmgr::records::entry_url(*e) : nullptr;
         return std::string(url ? url : "");
     });
+}
+
+// Runs `call` on a thread and waits for it; a call still running after the
+// deadline is a hang: the test fails and the process ends at once, since
+// the hung thread cannot be joined. Deadlines are bounds on what the library
+// may take, never speed targets.
+template <typename F>
+auto within(std::chrono::seconds deadline, const char* what, F call) {
+    auto result = std::async(std::launch::async, call);
+    if (result.wait_for(deadline) != std::future_status::ready) {
+        ADD_FAILURE() << what << " still blocked after " << deadline.count() << " s";
+        std::fflush(nullptr);
+        std::_Exit(1);
+    }
+    return result.get();
 }
 
 // A fresh directory under /tmp, removed with its content on destruction.

@@ -119,6 +119,12 @@ bool Server::waitReadable(int fd, Clock::time_point until) const {
 
 void Server::waitForStop() const { waitReadable(-1, Clock::time_point::max()); }
 
+bool Server::pause(int fd, std::chrono::milliseconds duration) const {
+    const auto until = Clock::now() + duration;
+    if (waitReadable(fd, until)) return false;
+    return Clock::now() >= until && Clock::now() < deadline_;
+}
+
 void Server::run() {
     while (waitReadable(listen_fd_, Clock::time_point::max())) {
         const int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);

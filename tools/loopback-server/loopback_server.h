@@ -57,6 +57,9 @@ public:
     void finish(int fd, std::chrono::milliseconds linger) const;
     // Returns once the server stops or its lifetime has passed.
     void waitForStop() const;
+    // Waits at most `duration`: less when the server stops or the peer sends
+    // or closes. True when the whole duration passed.
+    bool pause(int fd, std::chrono::milliseconds duration) const;
 
 private:
     void run();
