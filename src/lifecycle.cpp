@@ -78,6 +78,13 @@ int init() {
     switch (state::library()) {
         case APP_MANAGER_SUSPENDED: {
             AM_INFO("\nCurrent appmgr_state is SUSPENDED\n\n");
+            // A de-init after close suspends a library whose connections are
+            // gone; resuming it reports success as the states prescribe,
+            // with nothing listening for the browser.
+            if (!g_messaging_up)
+                AM_ERROR("applicationManagerInit: resumed after applicationManagerClose: the "
+                         "browser connections are closed and nothing listens; call "
+                         "applicationManagerClose and applicationManagerInit to start anew");
             state::set_library(APP_MANAGER_INITIALIZED);
             state::ManagerLock lock;
             runAutostartApplication(const_cast<AitTable*>(&state::current_ait()));

@@ -46,6 +46,11 @@ SearchSlot* find_search_slot(int pluginID, int searchID) {
     return module_table ? module_table->find_slot(pluginID, searchID) : nullptr;
 }
 
+std::size_t held_query_bytes() {
+    std::lock_guard<std::mutex> lock(module_mutex);
+    return module_table ? module_table->held_query_bytes() : 0;
+}
+
 }  // namespace appmgr::epg
 
 using appmgr::epg::HeapText;

@@ -11,5 +11,8 @@ int active_search_count();
 // The slot of a live search, or null. The pointer stays valid until the
 // search is destroyed.
 SearchSlot* find_search_slot(int pluginID, int searchID);
+// Bytes the queries of all live searches hold, as the query budget counts
+// them.
+std::size_t held_query_bytes();
 
 }  // namespace appmgr::epg

@@ -172,6 +172,20 @@ HeapText copy_text(const char* text) {
     return HeapText(copy);
 }
 
+std::size_t subgroup_bytes(const Subgroup& group) {
+    std::size_t bytes = group.comparisons.size() * sizeof(Comparison);
+    for (const Comparison& c : group.comparisons)
+        if (c.value) bytes += std::strlen(c.value.get()) + 1;
+    return bytes;
+}
+
+std::size_t query_bytes(const Query& query) {
+    std::size_t bytes = query.groups.size() * sizeof(query.groups[0]);
+    for (const auto& group : query.groups)
+        if (group) bytes += subgroup_bytes(*group);
+    return bytes;
+}
+
 Query Query::copy() const {
     Query out;
     out.subgroups_number = subgroups_number;

@@ -78,9 +78,8 @@ namespace {
 
 // Window arithmetic is done in 64 bits: the browser chooses offset and count
 // freely (-2147483648 included), and a window never reports more results
-// than are stored nor fewer than none.
+// than are stored. A negative count is reported as it came.
 int bounded_length(long long length, int stored) {
-    if (length < 0) return 0;
     return length > stored ? stored : static_cast<int>(length);
 }
 

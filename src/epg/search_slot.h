@@ -34,6 +34,8 @@ public:
     bool used = false;
     // A query was dimensioned at least once.
     bool dimensioned = false;
+    // Bytes the query holds, as the query budgets count them.
+    std::size_t query_bytes = 0;
     // The key; fixed while the slot is used (the thread reads it unlocked).
     int plugin_id = 0;
     int search_id = 0;

@@ -177,6 +177,23 @@ void SearchTable::release_subgroups(int index) {
         query.groups.shrink_to_fit();
         AM_INFO("releaseSubGroups groups (index: %d)", index);
     });
+    book_query_bytes(index, slot.query_bytes, 0);
+}
+
+bool SearchTable::book_query_bytes(int index, std::size_t released, std::size_t added) {
+    SearchSlot& slot = slots_[index];
+    const std::size_t search = slot.query_bytes - released + added;
+    const std::size_t total = query_bytes_ - released + added;
+    if (added > released && (search > kQueryBytesPerSearch || total > kQueryBytesTotal)) {
+        AM_ERROR("query of search (pluginID: %d, searchID: %d) refused: it would hold %zu bytes "
+                 "(at most %zu), all searches %zu bytes (at most %zu)",
+                 slot.plugin_id, slot.search_id, search, kQueryBytesPerSearch, total,
+                 kQueryBytesTotal);
+        return false;
+    }
+    slot.query_bytes = search;
+    query_bytes_ = total;
+    return true;
 }
 
 void SearchTable::release_slot(int index) {
@@ -193,6 +210,7 @@ void SearchTable::release_slot(int index) {
     slot.task.reset();
     if (slot.result_chunks() > 0) slot.release_results();
     slot.clear_query();
+    book_query_bytes(index, slot.query_bytes, 0);
     slot.dimensioned = false;
     slot.used = false;
     --active_;
@@ -280,6 +298,9 @@ int SearchTable::set_subgroups_number(int pluginID, int searchID, int numberOfAn
         // A negative or oversized count cannot be dimensioned; the count is
         // kept all the same (a query with a negative count is not scanned).
         if (numberOfAndGroups < 0 || numberOfAndGroups > kMaxSubgroups) return false;
+        const std::size_t table =
+            static_cast<std::size_t>(numberOfAndGroups) * sizeof(query.groups[0]);
+        if (!book_query_bytes(index, slot.query_bytes, table)) return false;
         query.groups.resize(static_cast<std::size_t>(numberOfAndGroups));
         return true;
     });
@@ -309,9 +330,13 @@ int SearchTable::set_queries_number(int pluginID, int searchID, int subGroupInde
             return false;
         }
         if (queriesNumber < 0 || queriesNumber > kMaxQueriesInSubgroup) return false;
+        auto& slot_group = query.groups[static_cast<std::size_t>(subGroupIndex)];
+        const std::size_t released = slot_group ? subgroup_bytes(*slot_group) : 0;
+        const std::size_t added = static_cast<std::size_t>(queriesNumber) * sizeof(Comparison);
+        if (!book_query_bytes(index, released, added)) return false;
         Subgroup group;
         group.comparisons.resize(static_cast<std::size_t>(queriesNumber));
-        query.groups[static_cast<std::size_t>(subGroupIndex)] = std::move(group);
+        slot_group = std::move(group);
         return true;
     });
     if (!set) {
@@ -346,6 +371,9 @@ int SearchTable::set_query(int pluginID, int searchID, int subGroupIndex, int qu
             return false;
         }
         Comparison& c = comparisons[static_cast<std::size_t>(queryIndex)];
+        const std::size_t released = c.value ? std::strlen(c.value.get()) + 1 : 0;
+        const std::size_t added = value ? std::strlen(value.get()) + 1 : 0;
+        if (!book_query_bytes(index, released, added)) return false;
         c.set = true;
         c.field = fieldType;
         c.comparison = comparison;

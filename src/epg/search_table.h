@@ -40,6 +40,8 @@ public:
     void destroy_all();
 
     int active_slots() const { return active_; }
+    // Bytes the queries of all searches hold, as the budget counts them.
+    std::size_t held_query_bytes() const { return query_bytes_; }
     // The slot of a key, or null (for tests).
     SearchSlot* find_slot(int pluginID, int searchID);
 
@@ -50,9 +52,13 @@ private:
     int destroy_searching_task(int index, const char* caller);
     void release_slot(int index);
     void release_subgroups(int index);
+    // Books an edit of a slot's query that frees `released` bytes and takes
+    // `added`: false (logged) when either query budget would be passed.
+    bool book_query_bytes(int index, std::size_t released, std::size_t added);
 
     std::array<SearchSlot, kSlotCount> slots_;
     int active_ = 0;
+    std::size_t query_bytes_ = 0;
 };
 
 }  // namespace appmgr::epg

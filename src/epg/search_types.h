@@ -21,6 +21,15 @@ constexpr int kMaxSubgroups = 256;
 constexpr int kMaxQueriesInSubgroup = 256;
 constexpr int kMaxChannelConstraints = 4096;
 
+// Bytes of query one search may hold (its subgroup table, comparison arrays
+// and value texts), and all searches together. The counts above alone would
+// let one query hold about 69 MB (256 x 256 comparisons of 1023
+// characters), twice that while a scan works on its copy, and 128 searches
+// nine gigabytes; a page's queries are a few comparisons long. An edit that
+// would pass either budget is refused as an allocation failure would be.
+constexpr std::size_t kQueryBytesPerSearch = 64 * 1024;
+constexpr std::size_t kQueryBytesTotal = 2 * 1024 * 1024;
+
 // A malloc'ed text (texts handed over through the C interface are malloc'ed).
 struct FreeDeleter {
     void operator()(char* text) const noexcept { std::free(text); }
@@ -63,5 +72,11 @@ struct Query {
     // A deep copy, texts included. Throws std::bad_alloc.
     Query copy() const;
 };
+
+// Bytes a subgroup holds (its comparisons and their value texts), and a
+// whole query (its subgroup table and every subgroup): what the query
+// budgets count.
+std::size_t subgroup_bytes(const Subgroup& group);
+std::size_t query_bytes(const Query& query);
 
 }  // namespace appmgr::epg

@@ -68,12 +68,13 @@ TEST_F(Search, WindowArithmetic) {
     EXPECT_EQ(run(1, 5, 5, 10), (Status{5, 0, 5, 0, 3}));
     EXPECT_EQ(hbbGetSearchItem(1, 5, 0), nullptr);
     // Offsets and counts at the ends of the int range: a window never
-    // reports more results than are stored, nor fewer than none, and its
-    // arithmetic does not overflow (the sanitizer build checks).
+    // reports more results than are stored, and its arithmetic does not
+    // overflow (the sanitizer build checks). A negative count is reported
+    // as it came.
     EXPECT_EQ(run(1, 5, INT_MIN, 10), (Status{5, 0, INT_MIN, 3, 3}));
     EXPECT_EQ(hbbGetSearchItem(1, 5, INT_MAX), nullptr);
     EXPECT_EQ(run(1, 5, -1, INT_MAX), (Status{5, 0, -1, 3, 3}));
-    EXPECT_EQ(run(1, 5, 0, INT_MIN), (Status{5, 0, 0, 0, 3}));
+    EXPECT_EQ(run(1, 5, 0, INT_MIN), (Status{5, 0, 0, INT_MIN, 3}));
     EXPECT_EQ(run(1, 5, INT_MAX, INT_MAX), (Status{5, 0, INT_MAX, 0, 3}));
     EXPECT_EQ(hbbDestroySearch(1, 5), 0);
 }
@@ -192,6 +193,65 @@ TEST_F(Search, UnknownSearchesAreRefused) {
     EXPECT_EQ(hbbCreateNewSearch(1, 5), 1);
     EXPECT_EQ(hbbSetQueryInSubgroup(1, 5, 0, 0, eTitle, eEqual, strdup("x")), 1);
     ASSERT_EQ(initializeEPGExternal(), 0);
+}
+
+// Queries are held within a byte budget per search and over all searches:
+// the documented maxima (256 x 256 comparisons of 1023 characters) would
+// hold 69 MB. Beyond the budget an edit is refused like an allocation
+// failure, and what the searches hold is given back when they go.
+TEST_F(Search, QueriesHoldABoundedNumberOfBytes) {
+    auto query_of = [](int plugin, int id) {
+        epg::SearchSlot* slot = epg::find_search_slot(plugin, id);
+        EXPECT_NE(slot, nullptr);
+        const std::size_t held =
+            slot->edit([](epg::Query& q, std::vector<ChannelConstraintDesc>&) { return epg::query_bytes(q); });
+        EXPECT_EQ(held, slot->query_bytes) << "the booked bytes are the bytes held";
+        return held;
+    };
+    const std::string value(1023, 'v');
+    ASSERT_EQ(hbbCreateNewSearch(1, 5), 0);
+    ASSERT_EQ(hbbSetSearchQuerySubGroupsNumber(1, 5, 256, 0, 0, 0, 0, 0), 0);
+    int subgroups = 0;
+    while (subgroups < 256 && hbbSetSearchQueryNumbersInSubgroup(1, 5, subgroups, 256) == 0) ++subgroups;
+    EXPECT_GT(subgroups, 0);
+    EXPECT_LT(subgroups, 256);
+    EXPECT_TRUE(log_.contains("Unable to setQueriesNumberInAndGroup"));
+    EXPECT_TRUE(log_.contains("query of search (pluginID: 1, searchID: 5) refused"));
+    EXPECT_LE(query_of(1, 5), epg::kQueryBytesPerSearch);
+
+    // Values fill what the comparisons leave; a shorter value still fits.
+    setQuery(1, 5, {std::vector<Cmp>(256)});
+    int values = 0;
+    while (values < 256 && hbbSetQueryInSubgroup(1, 5, 0, values, eTitle, eContainString,
+                                                 strdup(value.c_str())) == 0)
+        ++values;
+    EXPECT_GT(values, 30);
+    EXPECT_LT(values, 256);
+    EXPECT_EQ(hbbSetQueryInSubgroup(1, 5, 0, values, eTitle, eContainString, strdup("news")), 0);
+    EXPECT_LE(query_of(1, 5), epg::kQueryBytesPerSearch);
+    // Re-dimensioning gives the bytes back, and a small query runs.
+    setQuery(1, 5, kNews);
+    EXPECT_EQ(run(1, 5, 0, 10), (Status{5, 0, 0, 3, 3}));
+
+    // All searches together: full queries until the total budget refuses.
+    int full = 0;
+    for (int id = 100; id < 100 + 127; ++id) {
+        ASSERT_EQ(hbbCreateNewSearch(1, id), 0);
+        if (hbbSetSearchQuerySubGroupsNumber(1, id, 1, 0, 0, 0, 0, 0) != 0 ||
+            hbbSetSearchQueryNumbersInSubgroup(1, id, 0, 60) != 0)
+            break;
+        bool filled = true;
+        for (int q = 0; q < 60 && filled; ++q)
+            filled = hbbSetQueryInSubgroup(1, id, 0, q, eTitle, eEqual, strdup(value.c_str())) == 0;
+        if (!filled) break;
+        ++full;
+    }
+    EXPECT_GT(full, 10);
+    EXPECT_LT(full, 126);
+    EXPECT_LE(epg::held_query_bytes(), epg::kQueryBytesTotal);
+    for (int id = 100; id < 100 + 127; ++id) hbbDestroySearch(1, id);
+    EXPECT_EQ(hbbDestroySearch(1, 5), 0);
+    EXPECT_EQ(epg::held_query_bytes(), 0u);
 }
 
 TEST_F(Search, BadIndicesCountsAndStrings) {

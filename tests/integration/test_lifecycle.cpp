@@ -117,6 +117,27 @@ TEST_F(LifecycleTest, CloseTellsTheBrowserAndTearsDown) {
     EXPECT_EQ(applicationManagerClose(), 1);
 }
 
+// A de-init after close leaves the library suspended, and the next init
+// reports success with no connection listening, as the sequence of states
+// prescribes; it says so in the log. Close and init again bring it back.
+TEST_F(LifecycleTest, InitAfterCloseAndDeinitSaysNothingListens) {
+    ASSERT_EQ(startWithBrowser(), 1);
+    ASSERT_EQ(applicationManagerInit(), 1);
+    ASSERT_EQ(applicationManagerClose(), 1);
+    ASSERT_EQ(applicationManagerDeInit(), 1);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
+    EXPECT_EQ(applicationManagerInit(), 1);
+    EXPECT_EQ(state(), APP_MANAGER_INITIALIZED);
+    EXPECT_FALSE(socket_file_exists(browser_, Connection::Application));
+    EXPECT_TRUE(log_.contains("applicationManagerInit: resumed after applicationManagerClose"));
+    // The way back: close (nothing runs), then a first start.
+    browser_.disconnectAll();
+    EXPECT_EQ(applicationManagerClose(), 0);
+    EXPECT_EQ(state(), APP_MANAGER_DEINITIALIZED);
+    EXPECT_EQ(startWithBrowser(), 1);
+    EXPECT_EQ(state(), APP_MANAGER_SUSPENDED);
+}
+
 TEST_F(LifecycleTest, DeinitSuspendsAndHidesThePage) {
     ASSERT_EQ(startWithBrowser(), 1);
     ASSERT_EQ(applicationManagerInit(), 1);
