@@ -1,33 +1,40 @@
-// Application URLs and locators: classification, locator parsing, origin
-// comparison and joining.
+// Application URLs and dvb: locators: classification (check_url_type),
+// locator parsing (parseURI), the carousel's dvb: URL parser and its checks
+// against the simulated carousel, origin comparison and joining. The first
+// line is a URL, the rest a second one (the location joined to it).
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
-#include <cstdio>
-
+#include "app_mgr.h"
 #include "core/core.h"
+#include "dsmcc/dsmcc.h"
+#include "fuzz_support.h"
 #include "state/state.h"
-#include "hbb_sim.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool once = [] {
-        hbb_sim_set_log_stderr(0);
-        AitTable table{};
-        std::snprintf(table.dvb_url, sizeof(table.dvb_url), "dvb://1.2.3");
-        appmgr::state::ManagerLock lock;
-        appmgr::state::replace_current_ait(table);
-        return true;
-    }();
-    (void)once;
+    appmgr::fuzz::simulate_receiver();
+    if (size > 8192) return 0;
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::size_t newline = text.find('\n');
+    std::string first = text.substr(0, newline);
+    std::string second = newline == std::string::npos ? "" : text.substr(newline + 1);
+
     appmgr::state::ManagerLock lock;
-    std::string text(reinterpret_cast<const char*>(data), size);
-    std::string first = text.substr(0, text.find('\n'));
-    std::string second = text.find('\n') == std::string::npos ? "" : text.substr(text.find('\n') + 1);
     check_url_type(first.data());
     URIInfo info{};
     parseURI(first.data(), &info);
     std::free(info.URIptr);
+    DVBUrl_t url{};
+    parse_dvb_url(first.c_str(), &url);
+    iIsDVBURI(first.c_str());
+    std::string params = first;
+    removeURIParams(params.data());
+    if (std::strlen(params.c_str()) > first.size()) std::abort();
+    hbbCheckDSMCCExist(first.c_str());
+    int module = 0;
+    hbbCheckDSMCCEntryType(first.c_str(), &module);
     compareUrlOrigin(first.data(), second.data());
     std::free(combinationUrl(first.data(), second.data()));
     return 0;

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what the build and the tests need, when any of it is missing:
+# Installs what the build and the tests need, when any of it is missing
+# (clang and its runtimes for the fuzz targets included):
 # the Debian 12 packages, then the npm packages of the real browser
 # (tools/web-browser) as pinned in its package-lock.json. Browsers come
 # from Debian's chromium package only; nothing downloads one.
@@ -8,6 +9,7 @@ cd "$(dirname "$0")/.."
 packages=(cmake ninja-build g++ pkg-config libcurl4-openssl-dev libxml2-dev
           libdvbpsi-dev zlib1g-dev
           libgtest-dev libgmock-dev binutils openssl
+          clang libclang-rt-dev
           chromium nodejs php-cli php-xml)
 sudo_cmd=()
 [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)

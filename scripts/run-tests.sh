@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and runs all tests: the normal build, then the tests
 # again under AddressSanitizer + UndefinedBehaviorSanitizer (leaks included)
-# and under ThreadSanitizer. The tests against the real browser (Chromium)
+# and under ThreadSanitizer, then a short pass of every fuzz target (clang,
+# 15 s each from its seeds, two at a time), so that a crash on a known or
+# nearby input fails the run. The tests against the real browser (Chromium)
 # run in the first two only: under ThreadSanitizer they would cost half a
 # minute of Chromium without reaching a library thread the other tests miss.
 set -euo pipefail
@@ -28,3 +30,5 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan -DCMAKE_BUILD_TYPE=Debug "-DAPPMGR_SANITIZE=address;undefined"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run_suite build-tsan -DCMAKE_BUILD_TYPE=Debug -DAPPMGR_SANITIZE=thread -DAPPMGR_BROWSER_TESTS=OFF
+echo "=== fuzz (15 s per target) ==="
+FUZZ_FRESH=1 scripts/fuzz.sh 15

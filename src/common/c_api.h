@@ -7,7 +7,9 @@
 // point returns its documented failure value.
 #pragma once
 
+#include <cstring>
 #include <exception>
+#include <type_traits>
 #include <utility>
 
 #include "common/log.h"
@@ -35,6 +37,25 @@ void c_entry_void(const char* entry_point, Body&& body) noexcept {
     } catch (...) {
         AM_ERROR("%s failed: unknown exception", entry_point);
     }
+}
+
+// Enum parameters and fields of the C ABI carry whatever int a C caller put
+// in them (a C enum is an int): a middleware or a browser may send any
+// number. C++ code reads and writes them as ints through these two, never
+// as enum values: outside the range of its enumerators a C++ enum value is
+// undefined.
+template <typename Enum>
+int c_enum(const Enum& value) noexcept {
+    static_assert(std::is_enum_v<Enum> && sizeof(Enum) == sizeof(int), "a C enum travels as an int");
+    int bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits;
+}
+
+template <typename Enum>
+void set_c_enum(Enum& field, int value) noexcept {
+    static_assert(std::is_enum_v<Enum> && sizeof(Enum) == sizeof(int), "a C enum travels as an int");
+    std::memcpy(&field, &value, sizeof value);
 }
 
 }  // namespace appmgr

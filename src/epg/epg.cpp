@@ -53,6 +53,17 @@ std::size_t held_query_bytes() {
 
 }  // namespace appmgr::epg
 
+int appmgr::epg::set_query_in_subgroup(int pluginID, int searchID, int subGroupIndex,
+                                       int queryIndex, int fieldType, int comparison,
+                                       char* value) {
+    // The text is ours from here on, whatever happens to the call.
+    HeapText owned(value);
+    return with_table("hbbSetQueryInSubgroup", 1, [&](SearchTable& t) {
+        return t.set_query(pluginID, searchID, subGroupIndex, queryIndex, fieldType, comparison,
+                           std::move(owned));
+    });
+}
+
 using appmgr::epg::HeapText;
 using appmgr::epg::SearchTable;
 using appmgr::epg::with_table;
@@ -114,17 +125,13 @@ APPMGR_API int hbbSetSearchQueryNumbersInSubgroup(int pluginID, int searchID, in
     });
 }
 
+// A C caller may pass any number as field or comparison.
 APPMGR_API int hbbSetQueryInSubgroup(int pluginID, int searchID, int subGroupIndex, int queryIndex,
                                      eQueryFieldType fieldType, eQueryComparisonType comparison,
                                      char* value) {
-    // The text is ours from here on, whatever happens to the call.
-    HeapText owned(value);
-    const int field = fieldType;
-    const int compare = comparison;
-    return with_table(__func__, 1, [&](SearchTable& t) {
-        return t.set_query(pluginID, searchID, subGroupIndex, queryIndex, field, compare,
-                           std::move(owned));
-    });
+    return appmgr::epg::set_query_in_subgroup(pluginID, searchID, subGroupIndex, queryIndex,
+                                              appmgr::c_enum(fieldType),
+                                              appmgr::c_enum(comparison), value);
 }
 
 APPMGR_API int hbbStartSearch(int pluginID, int searchID, int offset, int count) {

@@ -19,3 +19,13 @@ int initializeEPGExternal(void);
 int deinitializeEPGExternal(void);
 
 }  // extern "C"
+
+namespace appmgr::epg {
+
+// hbbSetQueryInSubgroup with the field and the comparison as the integers
+// the browser sent (any value: unknown ones never hold). Takes `value` over
+// (a malloc'ed text) in every case.
+int set_query_in_subgroup(int pluginID, int searchID, int subGroupIndex, int queryIndex,
+                          int fieldType, int comparison, char* value);
+
+}  // namespace appmgr::epg

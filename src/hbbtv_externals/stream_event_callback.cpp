@@ -151,11 +151,8 @@ extern "C" {
 APPMGR_API void hbbtvExtQUMAStreamEventsCallback(char* eventName, char* eventPath,
                                                  tQUMAm_DSMCC_StreamEventStatus eventStatus,
                                                  char* eventPayload, int payloadLen) {
-    // The middleware is C code and may pass any number as the status: read
-    // it as the number it is, not as one of the enumeration's two values.
-    int status = 0;
-    static_assert(sizeof status == sizeof eventStatus, "the status travels as an int");
-    std::memcpy(&status, &eventStatus, sizeof status);
+    // The middleware is C code and may pass any number as the status.
+    const int status = appmgr::c_enum(eventStatus);
     appmgr::c_entry_void(__func__, [&] {
         stream_event(eventName, eventPath, status, eventPayload, payloadLen);
     });

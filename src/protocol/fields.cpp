@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/c_api.h"
 #include "common/log.h"
 #include "connection/connection.h"
 #include "protocol/protocol.h"
@@ -36,7 +37,7 @@ Fields& Fields::add(std::string_view text) {
 }
 
 void add_channel(Fields& fields, const Channel& channel) {
-    fields.add(static_cast<int>(channel.type))
+    fields.add(c_enum(channel.type))
         .add(channel.ccid)
         .add(channel.onid)
         .add(channel.nid)

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/c_api.h"
 #include "common/log.h"
 
 namespace appmgr::msg {
@@ -28,7 +29,7 @@ char* take_copy(Request& request, std::size_t max_length, bool* failed) {
 // The fields every component starts with. False when out of memory.
 bool read_component_fields(Request& request, AVComponent& component) {
     bool failed = false;
-    component.type = static_cast<AVComponentType>(request.integer());
+    set_c_enum(component.type, request.integer());
     component.encoding = take_copy(request, kMaxNameLength, &failed);
     component.encrypted = request.integer();
     component.componentTag = request.integer();
@@ -39,7 +40,7 @@ bool read_component_fields(Request& request, AVComponent& component) {
 void add_component_fields(protocol::Fields& fields, const AVComponent* component) {
     static const AVComponent kNone{AV_COMPONENT_TYPE_INVALID, nullptr, 0, 0, 0};
     const AVComponent& c = component != nullptr ? *component : kNone;
-    fields.add(static_cast<int>(c.type)).add(c.encoding).add(c.encrypted).add(c.componentTag).add(c.pid);
+    fields.add(c_enum(c.type)).add(c.encoding).add(c.encrypted).add(c.componentTag).add(c.pid);
 }
 
 }  // namespace
@@ -57,7 +58,7 @@ ChannelPtr read_channel(Request& request) {
     if (channel == nullptr) return nullptr;
     bool failed = false;
     Channel& c = *channel;
-    c.type = static_cast<ChannelType>(request.integer());
+    set_c_enum(c.type, request.integer());
     c.ccid = take_copy(request, kMaxNameLength, &failed);
     c.onid = request.integer();
     c.tsid = request.integer();

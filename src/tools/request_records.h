@@ -2,6 +2,9 @@
 // carry in their fields, and the records that replies carry. docs/protocol.md
 // lists every field order given here.
 //
+// Enum fields take the browser's number as it came and give it back as it
+// is (common/c_api.h: c_enum, set_c_enum).
+//
 // Text fields of requests are bounded: a field longer than its limit is cut
 // (records) or refused (take_text, for texts that name something, where a
 // cut text would name something else).

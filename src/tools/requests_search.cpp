@@ -94,9 +94,8 @@ void set_query(Request& r) {
     // out-of-range field or comparison is passed on as it came: the search
     // refuses to evaluate it.
     char* owned = strdup(value.c_str());
-    r.reply_int(hbbSetQueryInSubgroup(pluginID, searchID, subGroupIndex, queryIndex,
-                                      static_cast<eQueryFieldType>(fieldType),
-                                      static_cast<eQueryComparisonType>(comparison), owned));
+    r.reply_int(epg::set_query_in_subgroup(pluginID, searchID, subGroupIndex, queryIndex,
+                                           fieldType, comparison, owned));
 }
 
 void get_results(Request& r) {

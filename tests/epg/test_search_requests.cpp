@@ -128,3 +128,20 @@ TEST_F(SearchRequestsTest, ProgrammeDescriptorsAndTheTime) {
     EXPECT_TRUE(log_.contains("Command CMD_GET_CURRENT_TIME received"));
     EXPECT_TRUE(log_.contains("Command CMD_GET_CURRENT_TIME : 1790000123"));
 }
+
+// Found by fuzz_dispatch_dtvplugins (the input is below): field type 94,
+// outside its enumeration, stopped the sanitizer build (clang) before the
+// search was even looked up. Field and comparison numbers are taken as the
+// browser sent them; unknown ones never hold.
+TEST_F(SearchRequestsTest, FieldNumbersOutsideTheEnumerationsAreTakenAsTheyCame) {
+    const std::string found("94\xf7\xff|\n\xb7|\n94\xf7\xff|\n94\xf7\xff|\n\xb7|\n94\xf7\xb7|");
+    ASSERT_TRUE(browser_.send(Connection::DtvPlugins, found));
+    EXPECT_EQ(browser_.readReply(Connection::DtvPlugins, 3000).value_or("<none>"), "1|");
+    titleSearch("news");
+    EXPECT_EQ(ask(94, {"1", "5", "0", "0", "94", "-9", "news"}), "0|");
+    ASSERT_EQ(ask(96, {"1", "5", "0", "10"}), "0|");
+    auto done = nextFrame(Connection::Callbacks, 5000);
+    ASSERT_EQ(done.id, 67) << done.raw;
+    ASSERT_EQ(done.fields.size(), 5u);
+    EXPECT_EQ(done.fields[4], "0") << "an unknown field never holds";
+}
