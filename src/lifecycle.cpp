@@ -40,7 +40,6 @@ int first_start() {
         AM_ERROR("Initialization error - initAitGuard fail !!!");
         return 0;
     }
-    interruption::set_closing(false);
     state::set_library(APP_MANAGER_INITIALIZING);
     state::init_semaphore();
     AM_INFO("Application manager initialization...");
@@ -75,6 +74,8 @@ int first_start() {
 }  // namespace
 
 int init() {
+    // Transfers are allowed again (a close ended them).
+    interruption::set_closing(false);
     switch (state::library()) {
         case APP_MANAGER_SUSPENDED: {
             AM_INFO("\nCurrent appmgr_state is SUSPENDED\n\n");
