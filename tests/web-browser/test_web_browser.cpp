@@ -11,13 +11,17 @@
 #include "ait_builder.h"
 #include "app_mgr.h"
 #include "app_mgr_broadcast.h"
-#include "browser_process.h"
 #include "common/seams.h"
 #include "hbb_sim.h"
+#include "node_program.h"
 #include "test_support.h"
 
 namespace appmgr::test {
 namespace {
+
+using webbrowser::browserScript;
+using webbrowser::NodeProgram;
+using webbrowser::testsuiteScript;
 
 constexpr int kTag = 1;
 const std::string kIndex = "dvb://1.2.3.1/index.html";
@@ -67,7 +71,7 @@ protected:
     // The first applicationManagerInit waits for the browser's report.
     void startBrowser() {
         auto init = std::async(std::launch::async, [] { return applicationManagerInit(); });
-        browser = BrowserProcess::browser(dir_.path());
+        browser = std::make_unique<NodeProgram>(browserScript(), std::vector<std::string>{"--socket-dir", dir_.path()});
         ASSERT_TRUE(browser->started());
         ASSERT_EQ(init.wait_for(std::chrono::seconds(40)), std::future_status::ready) << browser->transcript();
         ASSERT_EQ(init.get(), 1);
@@ -93,7 +97,7 @@ protected:
         ASSERT_EQ(browser->eval("document.getElementById('status').textContent"), "\"ready\"");
     }
 
-    std::unique_ptr<BrowserProcess> browser;
+    std::unique_ptr<NodeProgram> browser;
 };
 
 // Waits (bounded) until the library's record shows what the browser has
@@ -281,7 +285,7 @@ TEST_F(WebBrowserTest, MisbehavingPageDoesNotWedgeTheBrowser) {
 // AUTOSTART application of a broadcast AIT, the automation cookie is set,
 // and every step the page reports comes back as a step line.
 TEST_F(WebBrowserTest, TestSuiteGroupRunsAndReports) {
-    BrowserProcess suite(APPMGR_TESTSUITE_SCRIPT, {"--pages", APPMGR_TESTSUITE_PAGES, "--group", "capabilities"});
+    NodeProgram suite(testsuiteScript(), {"--pages", APPMGR_TESTSUITE_PAGES, "--group", "capabilities"});
     const auto cookie = suite.waitLine("cookie ");
     const auto index = suite.waitLine("index ");
     const auto group = suite.waitLine("group capabilities ");

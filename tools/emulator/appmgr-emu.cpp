@@ -27,6 +27,7 @@
 
 #include "browser_side.h"
 #include "builtin_scenario.h"
+#include "chromium_side.h"
 #include "emu_output.h"
 #include "hbb_sim.h"
 #include "private_run.h"
@@ -46,6 +47,10 @@ struct Options {
     std::optional<std::string> scenario_file;
     std::optional<std::string> write_builtin;
     bool shared_tmp = false;
+    std::string browser = "standin";  // or "chromium"
+    ChromiumOptions chromium;
+    std::optional<std::string> testsuite;  // the test suite's pages
+    std::vector<std::string> groups;
 };
 
 // One option: its names, its argument (if it takes one), its help and what
@@ -70,11 +75,24 @@ const Option kOptions[] = {
     {nullptr, "--write-builtin", "DIR",
      "write the built-in scenario and its files into DIR\n(to be run with --scenario DIR/builtin.ini)",
      [](Options& o, const std::string& dir) { o.write_builtin = dir; }},
+    {nullptr, "--browser", "NAME",
+     "what plays the browser: standin (the default: the stand-in\nsends what the steps say) or chromium (the real browser\nof tools/web-browser runs every page in Chromium)",
+     [](Options& o, const std::string& name) { o.browser = name; }},
+    {nullptr, "--screenshot", "DIR", "with chromium: a PNG of the page after each step,\nDIR/stepN.png",
+     [](Options& o, const std::string& dir) { o.chromium.screenshots = dir; }},
+    {nullptr, "--headed", nullptr, "with chromium: a window (for instance under Xvfb)\ninstead of headless",
+     [](Options& o, const std::string&) { o.chromium.headed = true; }},
+    {nullptr, "--testsuite", "PAGES_DIR",
+     "with chromium: run the groups of the public HbbTV test\nsuite in PAGES_DIR and print the steps they report",
+     [](Options& o, const std::string& dir) { o.testsuite = dir; }},
+    {nullptr, "--group", "NAME", "with --testsuite: run this group (again for more);\nwithout it every group runs",
+     [](Options& o, const std::string& name) { o.groups.push_back(name); }},
     {"-h", "--help", nullptr, "print this help", [](Options& o, const std::string&) { o.help = true; }},
 };
 
 const char* const kUsageHead =
-    "usage: appmgr-emu [--verbose] [--scenario FILE]\n"
+    "usage: appmgr-emu [--verbose] [--scenario FILE] [--browser chromium [--screenshot DIR] [--headed]]\n"
+    "       appmgr-emu --browser chromium --testsuite PAGES_DIR [--group NAME]...\n"
     "       appmgr-emu --write-builtin DIR\n"
     "\n"
     "Runs libapp-mgr on the simulated platform with a stand-in browser on the\n"
@@ -180,6 +198,40 @@ std::vector<std::string> filesOf(const Scenario& s, const std::string& file) {
     return keep;
 }
 
+// What plays the browser; nullptr for an unknown name.
+std::unique_ptr<BrowserSide> makeBrowserSide(const Options& o) {
+    if (o.browser == "standin") return makeStandinSide();
+    if (o.browser == "chromium") return std::make_unique<ChromiumSide>(o.chromium);
+    return nullptr;
+}
+
+// Options that only make sense together, checked before anything starts.
+bool optionsAgree(const Options& o) {
+    const char* problem = nullptr;
+    if (o.browser != "standin" && o.browser != "chromium")
+        problem = "--browser takes standin or chromium";
+    else if (o.browser != "chromium" && (o.chromium.screenshots || o.chromium.headed || o.testsuite))
+        problem = "--screenshot, --headed and --testsuite need --browser chromium";
+    else if (!o.groups.empty() && !o.testsuite)
+        problem = "--group needs --testsuite";
+    else if (o.testsuite && (o.scenario_file || o.write_builtin))
+        problem = "--testsuite runs its own scenario: no --scenario or --write-builtin with it";
+    if (!problem) return true;
+    std::fprintf(stderr, "appmgr-emu: %s\n", problem);
+    usage(stderr);
+    return false;
+}
+
+// The screenshots' directory, made before the run moves into its own /tmp
+// (where a directory under the machine's /tmp stays reachable).
+bool makeScreenshotDirectory(const Options& o) {
+    if (!o.chromium.screenshots) return true;
+    const std::string& dir = *o.chromium.screenshots;
+    if (::mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST) return true;
+    std::perror(("appmgr-emu: mkdir " + dir).c_str());
+    return false;
+}
+
 // The directory the built-in scenario's files are written to: in a private
 // /tmp a fixed one, which goes with the run; in the shared /tmp one of its
 // own, removed at the end.
@@ -268,12 +320,14 @@ void runWithWatchdog(const Scenario& s, BrowserSide& browser) {
 int runEmulator(const Options& o) {
     std::optional<Scenario> scenario;
     if (o.scenario_file && !(scenario = load(*o.scenario_file))) return 2;
+    if (!makeScreenshotDirectory(o)) return 2;
 
     // Still a single thread here, as the namespaces require.
+    std::vector<std::string> keep =
+        scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{};
+    if (o.chromium.screenshots) keep.push_back(*o.chromium.screenshots);
     const PrivateRun private_run =
-        o.shared_tmp
-            ? PrivateRun{false, "--shared-tmp given"}
-            : enterPrivateRun(scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{});
+        o.shared_tmp ? PrivateRun{false, "--shared-tmp given"} : enterPrivateRun(keep);
     if (!scenario && !(scenario = loadBuiltin(private_run.isolated))) {
         removeRunFiles();
         return 1;
@@ -282,7 +336,7 @@ int runEmulator(const Options& o) {
         removeRunFiles();
         return 1;
     }
-    std::unique_ptr<BrowserSide> browser = makeStandinSide();
+    std::unique_ptr<BrowserSide> browser = makeBrowserSide(o);
     printBanner(private_run, *browser, !o.scenario_file);
     hbb_sim_set_trace(onPlatformCall, nullptr);
     runWithWatchdog(*scenario, *browser);
@@ -304,6 +358,7 @@ int main(int argc, char** argv) {
         usage(stdout);
         return 0;
     }
+    if (!optionsAgree(options)) return 2;
     if (options.write_builtin) return writeBuiltin(*options.write_builtin);
     return runEmulator(options);
 }

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "browser_standin.h"
@@ -35,6 +36,16 @@ std::string trimRight(std::string s);
 std::string quoted(const std::string& s);
 std::string fieldList(const std::vector<std::string>& fields,
                       const std::optional<std::string>& trailing = std::nullopt);
+
+// The trace lines of messages on the browser sockets: a frame of the
+// library ("<- 50 ..."), a message of the browser ("-> 82 ..."), the
+// library's reply to request id (records shown field by field as well;
+// carousel content as its header and size).
+void emitFrame(Connection c, const Frame& f);
+void emitSent(Connection c, const std::string& raw);
+void emitReply(Connection c, int id, const std::string& reply);
+// The id a browser message starts with ("82|..."), or -1.
+int messageId(std::string_view raw);
 
 const char* stateName(int s);
 // The library writes its state from its own threads; read it atomically.

@@ -17,6 +17,7 @@ namespace appmgr::emu {
 
 constexpr int kWaitMs = 2000;   // expected frames, decisions and replies
 constexpr int kSettleMs = 300;  // before checking that something did not happen
+constexpr int kPageWaitMs = 15000;  // a real page to load, or to show what a check expects
 
 // What steps leave for the checks after them.
 struct StepResults {
@@ -24,6 +25,7 @@ struct StepResults {
     std::optional<std::string> content;  // payload of the last carousel content reply
     std::optional<int> result;           // of the last portal/teletext/launch/keyset/key step
     std::optional<std::string> remote;   // bytes the remote-input service got in the last key step
+    std::optional<std::string> key;      // "delivered" or "withheld": the last press step
 };
 
 class Run : public DecisionListener {

@@ -112,7 +112,8 @@ void Run::startRemoteInput() {
 // thread of its own while the browser side connects, and must leave the
 // library suspended.
 void Run::startUp() {
-    step("start-up: applicationManagerInit() waits for the browser; the stand-in connects");
+    step("start-up: applicationManagerInit() waits for the browser; " +
+         std::string(browser_.hasPage() ? "the browser starts and connects" : "the stand-in connects"));
     libraryCall("applicationManagerInit()   [on its own thread]");
     std::packaged_task<int()> first_init([] { return applicationManagerInit(); });
     std::future<int> first_result = first_init.get_future();
@@ -166,6 +167,7 @@ void Run::runStep(const Step& st) {
                    ")");
     kind->run(*this, st);
     settle();
+    if (kind->role == StepRole::Action) browser_.afterStep(st.key);
 }
 
 void Run::close() {

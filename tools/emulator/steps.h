@@ -73,6 +73,9 @@ std::vector<StepKind> browserSteps();
 // The middleware's calls into the library: portal, teletext, launch, key
 // sets, keys (steps_middleware.cpp).
 std::vector<StepKind> middlewareSteps();
+// The application page and the remote control: keys, the page loaded
+// (steps_page.cpp).
+std::vector<StepKind> pageSteps();
 // The timeline itself: waits, checks, comments, the end (steps_flow.cpp).
 std::vector<StepKind> flowSteps();
 
