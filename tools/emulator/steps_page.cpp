@@ -50,6 +50,7 @@ void runPageLoaded(Run& run, const Step& st) {
         if (!run.browser().waitPageLoaded(url, kPageWaitMs))
             fail("the browser did not load " + quoted(url) + " within " + std::to_string(kPageWaitMs / 1000) +
                  " s");
+        emit("page      " + url + " is loaded and reported");
         return;
     }
     const std::string raw = "82|" + url + "|";
