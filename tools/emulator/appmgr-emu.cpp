@@ -13,7 +13,9 @@
 // library's fixed socket paths and port.
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -30,10 +32,12 @@
 #include "chromium_side.h"
 #include "emu_output.h"
 #include "hbb_sim.h"
+#include "loopback_server.h"
 #include "private_run.h"
 #include "scenario.h"
 #include "scenario_runner.h"
 #include "steps.h"
+#include "testsuite_scenario.h"
 
 namespace {
 
@@ -232,10 +236,10 @@ bool makeScreenshotDirectory(const Options& o) {
     return false;
 }
 
-// The directory the built-in scenario's files are written to: in a private
+// The directory a generated scenario's files are written to: in a private
 // /tmp a fixed one, which goes with the run; in the shared /tmp one of its
 // own, removed at the end.
-std::string builtinDirectory(bool isolated) {
+std::string runDirectory(bool isolated) {
     if (isolated) {
         const std::string dir = "/tmp/appmgr-emu";
         if (::mkdir(dir.c_str(), 0700) == 0) return dir;
@@ -254,7 +258,7 @@ std::string builtinDirectory(bool isolated) {
 // Writes the built-in scenario's files and reads them back.
 std::optional<Scenario> loadBuiltin(bool isolated) {
     std::string error;
-    const std::string dir = builtinDirectory(isolated);
+    const std::string dir = runDirectory(isolated);
     if (dir.empty()) return std::nullopt;
     const std::string path = writeBuiltinScenario(dir, &error);
     if (path.empty()) {
@@ -263,6 +267,51 @@ std::optional<Scenario> loadBuiltin(bool isolated) {
     }
     std::optional<Scenario> s = load(path);
     if (s) s->path = kBuiltinScenarioName;
+    return s;
+}
+
+// The groups of a --testsuite run: those given (each must be a group of
+// the pages), or every group. Empty after a usage error.
+std::vector<std::string> chosenGroups(const Options& o) {
+    const std::vector<std::string> all = testsuiteGroups(*o.testsuite);
+    if (all.empty()) {
+        std::fprintf(stderr, "appmgr-emu: %s has no group folder with an index.php\n", o.testsuite->c_str());
+        return {};
+    }
+    if (o.groups.empty()) return all;
+    for (const std::string& g : o.groups) {
+        if (std::find(all.begin(), all.end(), g) == all.end()) {
+            std::fprintf(stderr, "appmgr-emu: no group %s in %s (groups: %s)\n", g.c_str(), o.testsuite->c_str(),
+                         joined(all).c_str());
+            return {};
+        }
+    }
+    return o.groups;
+}
+
+// The test-suite scenario for these groups: written into the run's
+// directory with a free port for PHP, and read back. Its time limit is the
+// groups' limits together.
+std::optional<Scenario> loadTestsuite(const Options& o, const std::vector<std::string>& groups, bool isolated) {
+    std::string error;
+    int port = 0;
+    const int probe = appmgr::loopback::listenOn(&port, &error);
+    if (probe < 0) {
+        std::fprintf(stderr, "appmgr-emu: no free port for the test suite's pages: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    ::close(probe);
+    const std::string dir = runDirectory(isolated);
+    if (dir.empty()) return std::nullopt;
+    const std::string path = writeTestsuiteScenario(dir, *o.testsuite, port, groups, &error);
+    if (path.empty()) {
+        std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    std::optional<Scenario> s = load(path);
+    if (!s) return std::nullopt;
+    s->path = kTestsuiteScenarioName;
+    s->time_limit_s = static_cast<int>(groups.size()) * (s->testsuite->group_time_limit_s + 30) + 60;
     return s;
 }
 
@@ -280,8 +329,8 @@ bool resourcesFree(const Scenario& s, const PrivateRun& run) {
 }
 
 void printBanner(const PrivateRun& run, const BrowserSide& browser, bool builtin) {
-    emit("appmgr-emu: libapp-mgr on the simulated platform, " + browser.description());
-    emit("appmgr-emu: " +
+    report("appmgr-emu: libapp-mgr on the simulated platform, " + browser.description());
+    report("appmgr-emu: " +
          (run.isolated ? run.detail : "the machine's /tmp and network, shared (" + run.detail + ")"));
     if (!builtin) return;
     emit("appmgr-emu: the first word of a line says who acts:");
@@ -321,14 +370,24 @@ int runEmulator(const Options& o) {
     std::optional<Scenario> scenario;
     if (o.scenario_file && !(scenario = load(*o.scenario_file))) return 2;
     if (!makeScreenshotDirectory(o)) return 2;
+    std::vector<std::string> groups;
+    if (o.testsuite && (groups = chosenGroups(o)).empty()) return 2;
 
     // Still a single thread here, as the namespaces require.
     std::vector<std::string> keep =
         scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{};
     if (o.chromium.screenshots) keep.push_back(*o.chromium.screenshots);
+    if (o.testsuite) keep.push_back(*o.testsuite);
     const PrivateRun private_run =
         o.shared_tmp ? PrivateRun{false, "--shared-tmp given"} : enterPrivateRun(keep);
-    if (!scenario && !(scenario = loadBuiltin(private_run.isolated))) {
+    if (o.testsuite) {
+        // The steps alone, unless the whole trace is asked for.
+        g_trace = g_verbose;
+        scenario = loadTestsuite(o, groups, private_run.isolated);
+    } else if (!scenario) {
+        scenario = loadBuiltin(private_run.isolated);
+    }
+    if (!scenario) {
         removeRunFiles();
         return 1;
     }
@@ -337,7 +396,7 @@ int runEmulator(const Options& o) {
         return 1;
     }
     std::unique_ptr<BrowserSide> browser = makeBrowserSide(o);
-    printBanner(private_run, *browser, !o.scenario_file);
+    printBanner(private_run, *browser, !o.scenario_file && !o.testsuite);
     hbb_sim_set_trace(onPlatformCall, nullptr);
     runWithWatchdog(*scenario, *browser);
     hbb_sim_set_trace(nullptr, nullptr);

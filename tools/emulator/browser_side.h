@@ -60,6 +60,12 @@ public:
     }
     // Waits (bounded) until the page of url has loaded and been reported.
     virtual bool waitPageLoaded(const std::string& /*url*/, int /*timeout_ms*/) { return false; }
+    // A command of a real browser's control channel ("cookie URL
+    // NAME=VALUE"): its answer, or nullopt with the reason.
+    virtual std::optional<std::string> control(const std::string& /*line*/, std::string* error) {
+        *error = "no control channel with the browser stand-in";
+        return std::nullopt;
+    }
     // Called after each step of the timeline (key "step12").
     virtual void afterStep(const std::string& /*step_key*/) {}
 

@@ -199,6 +199,10 @@ std::optional<std::string> ChromiumSide::pageText(const std::string& id, std::st
     return text;
 }
 
+std::optional<std::string> ChromiumSide::control(const std::string& line, std::string* error) {
+    return command(line, kCommandMs, error);
+}
+
 bool ChromiumSide::waitPageLoaded(const std::string& url, int timeout_ms) {
     return waitEvent("loaded " + url, timeout_ms);
 }

@@ -29,6 +29,7 @@ public:
     bool hasPage() const override { return true; }
     std::optional<std::string> pageText(const std::string& id, std::string* error) override;
     bool waitPageLoaded(const std::string& url, int timeout_ms) override;
+    std::optional<std::string> control(const std::string& line, std::string* error) override;
     void afterStep(const std::string& step_key) override;
     void disconnect() override;
 

@@ -22,8 +22,13 @@ std::vector<std::string> g_run_files;  // guarded by g_context_mu
 }  // namespace
 
 bool g_verbose = false;
+bool g_trace = true;
 
 void emit(const std::string& line) {
+    if (g_trace) report(line);
+}
+
+void report(const std::string& line) {
     std::lock_guard<std::mutex> g(g_out_mu);
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fputc('\n', stdout);
@@ -140,8 +145,8 @@ void fail(const std::string& why) {
         std::lock_guard<std::mutex> g(g_context_mu);
         context = g_fail_context;
     }
-    emit("appmgr-emu: FAILED: " + (context.empty() ? "" : context + ": ") + why);
-    if (!g_verbose) emit("appmgr-emu: run with --verbose to see the library's log");
+    report("appmgr-emu: FAILED: " + (context.empty() ? "" : context + ": ") + why);
+    if (!g_verbose) report("appmgr-emu: run with --verbose to see the library's log");
     removeRunFiles();
     std::_Exit(1);
 }

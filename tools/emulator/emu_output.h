@@ -23,9 +23,15 @@ using standin::Frame;
 
 // --verbose: library log lines and raw frames are printed too.
 extern bool g_verbose;
+// The trace (every call, message and decision) is printed; off, only what
+// report() writes is (a test-suite run prints its steps alone).
+extern bool g_trace;
 
-// Writes one line to stdout, whole (lines come from several threads).
+// Writes one line of the trace to stdout, whole (lines come from several
+// threads).
 void emit(const std::string& line);
+// Writes one line to stdout whether or not the trace is printed.
+void report(const std::string& line);
 
 std::string padded(const std::string& s, std::size_t width);
 // Connection column: "Application   ".

@@ -6,12 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "broadcast_events.h"
 #include "browser_side.h"
 #include "decisions.h"
 #include "emu_output.h"
 #include "http_stub.h"
 #include "remote_input.h"
 #include "scenario.h"
+#include "testsuite_server.h"
 
 namespace appmgr::emu {
 
@@ -51,6 +53,8 @@ public:
     // a check after the next report, could not be told apart there.
     ClaimLog<std::string>& loadedPages() { return loaded_pages_; }
     RemoteInputListener& remoteInput() { return remote_; }
+    // The test suite's server of a [testsuite] scenario; nullptr otherwise.
+    TestsuiteServer* testsuite() { return testsuite_.get(); }
     StepResults& last() { return last_; }
 
     // Shows the result of a call a step made and keeps it for "expect result".
@@ -70,6 +74,7 @@ private:
     void setUp();
     void startHttp();
     void startRemoteInput();
+    void startTestsuite();
     void startUp();
     void configureTerminal();
     void runStep(const Step& st);
@@ -83,6 +88,8 @@ private:
     HttpStub http_;
     std::string http_host_ = "127.0.0.1";
     RemoteInputListener remote_;
+    StreamEventBroadcast stream_events_;
+    std::unique_ptr<TestsuiteServer> testsuite_;
     StepResults last_;
     bool closed_ = false;
 };

@@ -156,6 +156,29 @@ struct ReceiverSpec {
     std::optional<std::string> audio_language, subtitle_language, ui_language, country, device_id;
 };
 
+// [stream_event.NAME]: a stream event the broadcast carries. While the run
+// lasts the receiver fires it at whatever listens, with each payload in
+// turn, one every interval (a carousel's stream-event object repeats its
+// events the same way).
+struct StreamEventSpec {
+    std::string section;             // NAME
+    std::string name;                // the event's name (NAME by default)
+    std::optional<std::string> url;  // listeners by the object's dvb: URL
+    // Listeners by component tag and event id (from a stream-event XML).
+    std::optional<int> tag;
+    std::optional<int> event_id;
+    std::vector<std::string> payloads;  // bytes, at least one
+    int interval_ms = 1000;
+};
+
+// [testsuite]: the public HbbTV test suite's pages, served by PHP for the
+// "testsuite_group" steps (docs/testsuite.md).
+struct TestsuiteSpec {
+    std::string pages;  // resolved
+    int port = 0;       // where PHP serves the copy (0: a free port)
+    int group_time_limit_s = 150;
+};
+
 struct Step {
     std::string key;   // "step3"
     long number = 0;   // 3
@@ -181,6 +204,8 @@ struct Scenario {
     std::vector<ProgrammeSpec> programmes;  // in file order
     std::vector<ComponentSpec> components;  // in file order
     ReceiverSpec receiver;
+    std::vector<StreamEventSpec> stream_events;  // in file order
+    std::optional<TestsuiteSpec> testsuite;
     std::vector<Step> timeline;           // by step number
 
     const ChannelSpec* channel(const std::string& name) const;

@@ -82,6 +82,8 @@ void Run::setUp() {
     setUpReceiver(s_);
     if (s_.http.enabled) startHttp();
     if (usesRemoteInput(s_)) startRemoteInput();
+    if (s_.testsuite) startTestsuite();
+    stream_events_.start(s_.stream_events);
 }
 
 void Run::startHttp() {
@@ -104,6 +106,16 @@ void Run::startRemoteInput() {
         fail("remote-input service stand-in: " + error +
              "; the key steps need this port (the shipped library's port is fixed)");
     emit("remote    remote-input service listening on 127.0.0.1:" + std::to_string(remote_.port()));
+}
+
+// The groups the timeline runs are the ones the server lists.
+void Run::startTestsuite() {
+    std::vector<std::string> groups;
+    for (const Step& st : s_.timeline)
+        if (st.kind == "testsuite_group") groups.push_back(st.args.at(0));
+    testsuite_ = std::make_unique<TestsuiteServer>();
+    std::string error;
+    if (!testsuite_->start(*s_.testsuite, groups, &error)) fail(error);
 }
 
 // ---- start-up ----------------------------------------------------------------------------
@@ -171,6 +183,7 @@ void Run::runStep(const Step& st) {
 }
 
 void Run::close() {
+    stream_events_.stop();
     callLibrary(
         "applicationManagerClose()", [] { return applicationManagerClose(); }, 1);
     if (!frames_.waitFor(Connection::Application, 160, nullptr, kWaitMs))
@@ -178,10 +191,14 @@ void Run::close() {
     expectState(APP_MANAGER_DEINITIALIZED);
     closed_ = true;
     browser_.disconnect();
+    if (testsuite_) {
+        const std::optional<std::string> summary = testsuite_->finish();
+        report(summary ? *summary : "the test-suite server gave no summary");
+    }
 }
 
 void Run::execute() {
-    emit("appmgr-emu: scenario " + s_.path + (s_.title.empty() ? "" : ": " + s_.title) +
+    report("appmgr-emu: scenario " + s_.path + (s_.title.empty() ? "" : ": " + s_.title) +
          (g_verbose ? " (verbose)" : ""));
     setUp();
     startUp();
@@ -195,7 +212,7 @@ void Run::execute() {
     const auto steps = std::count_if(s_.timeline.begin(), s_.timeline.end(), [](const Step& st) {
         return findStepKind(st.kind)->role != StepRole::Note;
     });
-    emit("\nappmgr-emu: scenario passed (" + std::to_string(steps) + " steps, " +
+    report("\nappmgr-emu: scenario passed (" + std::to_string(steps) + " steps, " +
          std::to_string(frames_.count()) + " frames received, " + std::to_string(decisions_.count()) +
          " decisions)");
 }

@@ -439,6 +439,56 @@ void readComponents(ScenarioBuilder& b, const std::vector<FoundSection>& found) 
         b.scenario.components.push_back(readComponent(b.reader, f.section, f.name, b.scenario));
 }
 
+// ---- [stream_event.NAME], [testsuite] ------------------------------------------------------
+
+// "48656c6c6f, cafe": bytes from hexadecimal digits.
+std::optional<std::string> hexBytes(const std::string& text) {
+    if (text.empty() || text.size() % 2 != 0 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        return std::nullopt;
+    std::string bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+void readStreamEvents(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
+    const Reader& r = b.reader;
+    for (const FoundSection& f : found) {
+        r.allowOnly(f.section, {"name", "url", "tag", "event_id", "payloads", "interval"});
+        StreamEventSpec e;
+        e.section = f.name;
+        e.name = r.get(f.section, "name").value_or(f.name);
+        e.url = r.get(f.section, "url");
+        if (std::optional<long> tag = r.integer(f.section, "tag", 0, 0xFFFF)) e.tag = static_cast<int>(*tag);
+        if (std::optional<long> id = r.integer(f.section, "event_id", 0, 0xFFFF)) e.event_id = static_cast<int>(*id);
+        if (e.tag.has_value() != e.event_id.has_value())
+            r.error(f.section, e.tag ? "event_id" : "tag", "'tag' and 'event_id' go together");
+        if (!e.url && !e.tag) r.error(f.section, "", "give 'url', or 'tag' and 'event_id' (or both)");
+        for (const std::string& w : listItems(r.get(f.section, "payloads").value_or(""))) {
+            std::optional<std::string> bytes = hexBytes(w);
+            if (!bytes) r.error(f.section, "payloads", "'" + w + "' is not bytes in hexadecimal (48656c6c6f)");
+            e.payloads.push_back(*bytes);
+        }
+        if (e.payloads.empty()) r.error(f.section, "payloads", "no payload (bytes in hexadecimal, separated by commas)");
+        e.interval_ms = static_cast<int>(r.integer(f.section, "interval", 100, 60000).value_or(1000));
+        b.scenario.stream_events.push_back(e);
+    }
+}
+
+void readTestsuite(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
+    if (found.empty()) return;
+    const Reader& r = b.reader;
+    r.allowOnly("testsuite", {"pages", "port", "group_time_limit"});
+    std::optional<std::string> pages = r.get("testsuite", "pages");
+    if (!pages || pages->empty()) r.error("testsuite", "", "'pages' is missing (the test suite's pages)");
+    TestsuiteSpec t;
+    t.pages = existingDirectory(r, "testsuite", "pages", *pages);
+    t.port = static_cast<int>(r.integer("testsuite", "port", 0, 65535).value_or(0));
+    t.group_time_limit_s =
+        static_cast<int>(r.integer("testsuite", "group_time_limit", 10, 3600).value_or(t.group_time_limit_s));
+    b.scenario.testsuite = t;
+}
+
 // ---- [timeline] --------------------------------------------------------------------------
 
 // The steps by number; every key must be stepN, each N once.
@@ -513,6 +563,8 @@ const std::vector<SectionKind>& sectionKinds() {
          "give the component tag in the section name: [carousel.TAG], e.g. [carousel.1]"},
         {"programme", "NAME", false, readProgrammes},
         {"component", "NAME", false, readComponents},
+        {"stream_event", "NAME", false, readStreamEvents},
+        {"testsuite", nullptr, false, readTestsuite},
         {"timeline", nullptr, false, readTimeline},
     };
     return kinds;

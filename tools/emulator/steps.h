@@ -76,6 +76,8 @@ std::vector<StepKind> middlewareSteps();
 // The application page and the remote control: keys, the page loaded
 // (steps_page.cpp).
 std::vector<StepKind> pageSteps();
+// The public HbbTV test suite's groups (steps_testsuite.cpp).
+std::vector<StepKind> testsuiteSteps();
 // The timeline itself: waits, checks, comments, the end (steps_flow.cpp).
 std::vector<StepKind> flowSteps();
 

@@ -106,6 +106,12 @@ bool NodeProgram::ended() const {
     return eof_;
 }
 
+bool NodeProgram::send(const std::string& line) {
+    const std::string text = line + "\n";
+    std::lock_guard<std::mutex> lock(write_mutex_);
+    return in_ >= 0 && ::write(in_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
 std::optional<std::string> NodeProgram::command(const std::string& line, int timeout_ms) {
     const std::string word = line.substr(0, line.find(' '));
     size_t from;
@@ -113,12 +119,7 @@ std::optional<std::string> NodeProgram::command(const std::string& line, int tim
         std::lock_guard<std::mutex> lock(mutex_);
         from = dropped_ + lines_.size();
     }
-    const std::string text = line + "\n";
-    bool written;
-    {
-        std::lock_guard<std::mutex> lock(write_mutex_);
-        written = in_ >= 0 && ::write(in_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    }
+    const bool written = send(line);
     std::unique_lock<std::mutex> lock(mutex_);
     if (!written) {
         last_error_ = "cannot write";
@@ -158,11 +159,16 @@ bool NodeProgram::waitEvent(const std::string& prefix, int timeout_ms) {
 }
 
 std::optional<std::string> NodeProgram::waitLine(const std::string& prefix, int timeout_ms) {
+    return waitLine([&prefix](const std::string& line) { return line.rfind(prefix, 0) == 0; }, timeout_ms);
+}
+
+std::optional<std::string> NodeProgram::waitLine(const std::function<bool(const std::string&)>& match,
+                                                 int timeout_ms) {
     std::unique_lock<std::mutex> lock(mutex_);
     std::optional<std::string> found;
     cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
         for (Line& l : lines_) {
-            if (!l.taken && l.text.rfind(prefix, 0) == 0) {
+            if (!l.taken && match(l.text)) {
                 l.taken = true;
                 found = l.text;
                 return true;

@@ -54,6 +54,8 @@ public:
     // ending).
     bool ended() const;
 
+    // Writes one line to the child's standard input; false when it cannot.
+    bool send(const std::string& line);
     // Sends a control command and waits (bounded) for its answer line:
     // "ok WORD rest" gives rest, "error ..." or a time-out gives nothing
     // (lastError() then says which).
@@ -71,6 +73,8 @@ public:
     bool waitEvent(const std::string& prefix, int timeout_ms = 15000);
     // The same for any line starting with `prefix`; returns the line.
     std::optional<std::string> waitLine(const std::string& prefix, int timeout_ms = 15000);
+    // The same for the first line not taken before that `match` accepts.
+    std::optional<std::string> waitLine(const std::function<bool(const std::string&)>& match, int timeout_ms);
     // Whether such an event arrived (without waiting, without taking it).
     bool sawEvent(const std::string& prefix) const;
 

@@ -79,7 +79,7 @@ function waitForPort(port, deadline) {
 
 // Events: 'step' ({ step, result, note, text }) for each reported step.
 class TestSuite extends EventEmitter {
-  constructor({ pages, pin, run, php = 'php', log = () => {} }) {
+  constructor({ pages, port = 0, pin, run, php = 'php', log = () => {} }) {
     super();
     this.pages = pages;
     this.pin = pin || 1 + Math.floor(Math.random() * 9999);
@@ -88,7 +88,7 @@ class TestSuite extends EventEmitter {
     this.log = log;
     this.copy = null;
     this.child = null;
-    this.port = 0;
+    this.port = port;
     this.steps = [];
     this.offsets = new Map();
     this.timer = null;
@@ -107,7 +107,7 @@ class TestSuite extends EventEmitter {
     this.copy = fs.mkdtempSync(path.join(os.tmpdir(), 'appmgr-testsuite-'));
     fs.cpSync(this.pages, this.copy, { recursive: true });
     fs.mkdirSync(path.join(this.copy, 'log'), { recursive: true });
-    this.port = await freePort();
+    if (!this.port) this.port = await freePort();
     this.child = spawn(this.php, ['-S', `127.0.0.1:${this.port}`, '-t', this.copy], {
       cwd: this.copy, stdio: ['ignore', 'ignore', 'pipe'],
     });
