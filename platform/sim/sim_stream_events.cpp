@@ -3,6 +3,7 @@
 // name, or by component tag and event id as the broadcast carries them, and
 // the subscriptions' callbacks run on the notifier thread with copies of
 // every text and of the payload.
+#include <algorithm>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -24,6 +25,8 @@ struct Subscription {
 std::mutex subscriptions_mutex;
 std::vector<Subscription> subscriptions;
 int subscribe_result = 0;
+// Component tags that carry stream events; empty: every tag is taken.
+std::vector<int> carried_tags;
 
 // Delivers an event to each subscription's callback on the notifier thread.
 int fire(const std::vector<Subscription>& targets, int status, const void* payload, int length) {
@@ -50,6 +53,7 @@ void reset_stream_events() {
     std::lock_guard<std::mutex> lock(subscriptions_mutex);
     subscriptions.clear();
     subscribe_result = 0;
+    carried_tags.clear();
 }
 
 }  // namespace hbbsim
@@ -96,6 +100,11 @@ int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* event
     if (eventName && targetURL && callback) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
         result = subscribe_result;
+        // A middleware cannot subscribe to a component its service does
+        // not carry.
+        if (!carried_tags.empty() &&
+            std::find(carried_tags.begin(), carried_tags.end(), componentTag) == carried_tags.end())
+            result = -1;
         if (result == 0)
             subscriptions.push_back(
                 Subscription{eventName, targetURL, callback, true, componentTag, eventId});
@@ -133,6 +142,11 @@ int QUMA_StreamEventsWOCUnsubscribe(unsigned short componentTag, const char* eve
 void hbb_sim_set_stream_event_subscribe_result(int result) {
     std::lock_guard<std::mutex> lock(subscriptions_mutex);
     subscribe_result = result;
+}
+
+void hbb_sim_set_stream_event_tags(const int* tags, int count) {
+    std::lock_guard<std::mutex> lock(subscriptions_mutex);
+    carried_tags.assign(tags, tags + (tags && count > 0 ? count : 0));
 }
 
 int hbb_sim_stream_event_subscriptions(void) {

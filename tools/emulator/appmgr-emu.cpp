@@ -294,8 +294,12 @@ std::vector<std::string> chosenGroups(const Options& o) {
 // groups' limits together.
 std::optional<Scenario> loadTestsuite(const Options& o, const std::vector<std::string>& groups, bool isolated) {
     std::string error;
-    int port = 0;
-    const int probe = appmgr::loopback::listenOn(&port, &error);
+    // The pages build some URLs from the server's name alone (the video
+    // URL of the user-agent group, the media of the video groups): in the
+    // run's own network PHP serves on port 80, so that those work too.
+    int port = isolated ? 80 : 0;
+    int probe = appmgr::loopback::listenOn(&port, &error);
+    if (probe < 0 && isolated) probe = appmgr::loopback::listenOn(&(port = 0), &error);
     if (probe < 0) {
         std::fprintf(stderr, "appmgr-emu: no free port for the test suite's pages: %s\n", error.c_str());
         return std::nullopt;

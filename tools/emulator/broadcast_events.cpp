@@ -10,6 +10,12 @@ namespace appmgr::emu {
 
 void StreamEventBroadcast::start(const std::vector<StreamEventSpec>& events) {
     if (events.empty() || thread_.joinable()) return;
+    // Listeners for events described outside the carousel can only be had
+    // on the components that carry them.
+    std::vector<int> tags;
+    for (const StreamEventSpec& e : events)
+        if (e.tag) tags.push_back(*e.tag);
+    if (!tags.empty()) hbb_sim_set_stream_event_tags(tags.data(), static_cast<int>(tags.size()));
     for (const StreamEventSpec& e : events)
         emit("receiver  stream event " + e.name + " broadcast every " + std::to_string(e.interval_ms) + " ms" +
              (e.url ? " on " + *e.url : "") +

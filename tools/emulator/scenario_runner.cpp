@@ -112,7 +112,7 @@ void Run::startRemoteInput() {
 void Run::startTestsuite() {
     std::vector<std::string> groups;
     for (const Step& st : s_.timeline)
-        if (st.kind == "testsuite_group") groups.push_back(st.args.at(0));
+        if (st.kind == "testsuite_group" || st.kind == "testsuite_start") groups.push_back(st.args.at(0));
     testsuite_ = std::make_unique<TestsuiteServer>();
     std::string error;
     if (!testsuite_->start(*s_.testsuite, groups, &error)) fail(error);

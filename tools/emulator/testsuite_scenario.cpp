@@ -88,6 +88,61 @@ std::string programmes(long now) {
     return out.str();
 }
 
+// Groups the suite leaves to a person (its menu marks them automate=
+// "ignore"): the keys a person presses, as timeline steps after the page
+// has started. "label X" names the verdict the page gives next.
+struct KeyScript {
+    const char* group;
+    std::vector<std::string> steps;
+};
+
+// The keys the keyset group asks for in each of its four tests, then red
+// for the verdict; a passed test selects the next one by itself.
+std::vector<std::string> keysetScript() {
+    std::vector<std::string> steps;
+    for (const char* test : {"319", "31", "3", "x"}) {
+        steps.push_back(std::string("testsuite_label keyset.") + test);
+        steps.push_back("press ok");
+        steps.push_back("wait 300");  // the page's key set reaches the browser
+        for (const char* key : {"green", "left", "back", "9", "stop", "ffwd"}) steps.push_back(std::string("press ") + key);
+        steps.push_back("press red");
+        steps.push_back("wait 300");
+    }
+    return steps;
+}
+
+// One verdict per key, in the order the keycodes group asks for them (its
+// last key, red, ends the group instead).
+std::vector<std::string> keycodesScript() {
+    std::vector<std::string> steps;
+    bool first = true;
+    for (const char* key : {"VK_ENTER", "VK_LEFT", "VK_DOWN", "VK_PLAY", "VK_PAUSE", "VK_STOP", "VK_FAST_FWD",
+                            "VK_REWIND", "VK_BACK", "VK_0", "VK_5", "VK_9", "VK_GREEN", "VK_YELLOW"}) {
+        steps.push_back(std::string("testsuite_label keycodes.") + key);
+        steps.push_back(std::string("press ") + key);
+        // The first key activates the application: its whole key set
+        // applies once the library has said so.
+        if (first) steps.push_back("wait 300");
+        first = false;
+    }
+    return steps;
+}
+
+const std::vector<KeyScript>& keyScripts() {
+    static const std::vector<KeyScript> scripts{
+        {"keyset", keysetScript()},
+        {"keycodes", keycodesScript()},
+        {"keypress", {"testsuite_label keypress.test", "press ok", "press left", "wait 300"}},
+    };
+    return scripts;
+}
+
+const KeyScript* keyScript(const std::string& group) {
+    for (const KeyScript& k : keyScripts())
+        if (group == k.group) return &k;
+    return nullptr;
+}
+
 std::string dvbHost() {
     std::ostringstream out;
     out << std::hex << kOnid << '.' << kTsid << '.' << kFirstSid << '.' << kCarouselTag;
@@ -95,7 +150,8 @@ std::string dvbHost() {
 }
 
 std::string scenarioText(const std::string& pages, int port, const std::vector<std::string>& groups) {
-    const std::string origin = "http://127.0.0.1:" + std::to_string(port);
+    // As the browser writes it (port 80 goes without saying).
+    const std::string origin = "http://127.0.0.1" + (port == 80 ? std::string() : ":" + std::to_string(port));
     std::ostringstream out;
     out << "# appmgr-emu --testsuite: the receiver the public HbbTV test suite's pages\n"
         << "# expect, and one step per group.\n\n"
@@ -120,7 +176,19 @@ std::string scenarioText(const std::string& pages, int port, const std::vector<s
             << "\napp_id = 0xa\ncontrol = AUTOSTART\nservice_bound = no\nurl = " << origin << "/" << g
             << "/index.php\n\n[ait." << g << "]\napps = " << g << ", other, carousel\n\n";
     out << "[timeline]\n";
-    for (std::size_t i = 0; i < groups.size(); ++i) out << "step" << i + 1 << " = testsuite_group " << groups[i] << "\n";
+    int n = 0;
+    for (const std::string& g : groups) {
+        const KeyScript* script = keyScript(g);
+        if (!script) {
+            out << "step" << ++n << " = testsuite_group " << g << "\n";
+            continue;
+        }
+        out << "step" << ++n << " = testsuite_start " << g << "\n";
+        for (const std::string& st : script->steps) out << "step" << ++n << " = " << st << "\n";
+        // The last verdict reaches the server before the page goes.
+        out << "step" << ++n << " = wait 500\n";
+        out << "step" << ++n << " = deliver_ait empty\n";
+    }
     return out.str();
 }
 

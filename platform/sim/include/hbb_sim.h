@@ -328,6 +328,11 @@ void hbb_sim_set_configuration(const Configuration* configuration);
  * remove a matching one (the WOC kind matched on tag, name, URL and the low
  * 8 bits of the event id): 0, or -1 when none matched. */
 void hbb_sim_set_stream_event_subscribe_result(int result);
+/* The component tags whose stream events the service carries (copied):
+ * QUMA_StreamEventsWOCSubscribe fails (-1) for any other tag, as a
+ * middleware does for a component its service does not have. A count of 0
+ * (the start value) takes every tag. */
+void hbb_sim_set_stream_event_tags(const int* tags, int count);
 /* Number of subscriptions recorded now. */
 int hbb_sim_stream_event_subscriptions(void);
 /* 1 when a subscription for this URL and event name exists (either kind),
