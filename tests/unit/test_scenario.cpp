@@ -135,12 +135,40 @@ TEST_F(ScenarioFile, MistakesThatWouldGoUnnoticedAreRefused) {
         {"unknown decision", t + "step1 = expect no_decision start\n",
          "no_decision expects a decision (autostart, no_autostart"},
         {"bad escape", t + "step1 = expect content a\\qb\n", "content: unknown escape at character 2"},
+        {"unknown key", t + "step1 = press purple\n", "press: expects one key"},
+        {"page check without text id", t + "step1 = expect page\n", "page expects the id of an element"},
+        // Stream events the broadcast would never carry as written.
+        {"event id without tag", kService + "[stream_event.e]\nevent_id = 1\npayloads = 41\n",
+         "[stream_event.e] tag: 'tag' and 'event_id' go together"},
+        {"payload not hexadecimal", kService + "[stream_event.e]\nurl = dvb://1.2.3.1/e\npayloads = 4, zz\n",
+         "'4' is not bytes in hexadecimal"},
+        {"stream event nowhere", kService + "[stream_event.e]\npayloads = 41\n", "give 'url', or 'tag'"},
+        {"test-suite group without pages", t + "step1 = testsuite_group keyset\n",
+         "testsuite_group: needs a [testsuite] section"},
     };
     for (const auto& c : cases) {
         const std::string e = error(c.text);
         EXPECT_NE(e.find(c.message), std::string::npos)
             << c.what << ": got \"" << e << "\", expected it to contain \"" << c.message << "\"";
     }
+}
+
+// A broadcast's stream events: names, listeners and payload bytes as written.
+TEST_F(ScenarioFile, StreamEventsReachTheModel) {
+    Scenario s = load(kService +
+                      "[stream_event.go]\nurl = dvb://1.2.3.1/events\ntag = 19\nevent_id = 2\n"
+                      "payloads = 48690a, CAFE00\ninterval = 250\n"
+                      "[stream_event.stop]\nname = halt\nurl = dvb://1.2.3.1/events\npayloads = 00\n");
+    ASSERT_EQ(s.stream_events.size(), 2u);
+    const StreamEventSpec& go = s.stream_events[0];
+    EXPECT_EQ(go.name, "go");
+    EXPECT_EQ(go.tag, 19);
+    EXPECT_EQ(go.event_id, 2);
+    EXPECT_EQ(go.payloads, (std::vector<std::string>{"Hi\n", std::string("\xca\xfe\0", 3)}));
+    EXPECT_EQ(go.interval_ms, 250);
+    EXPECT_EQ(s.stream_events[1].name, "halt");
+    EXPECT_FALSE(s.stream_events[1].tag);
+    EXPECT_EQ(s.stream_events[1].interval_ms, 1000);
 }
 
 // The responder serves the files of its root and nothing outside it.
