@@ -6,6 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=(cmake ninja-build g++ pkg-config libcurl4-openssl-dev libxml2-dev
+          libdvbpsi-dev zlib1g-dev
           libgtest-dev libgmock-dev binutils openssl
           chromium nodejs php-cli php-xml)
 sudo_cmd=()

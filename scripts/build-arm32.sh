@@ -4,7 +4,8 @@
 #
 #  1. Installs the host tools when missing (cross compiler and binutils,
 #     qemu-user, cmake, ninja, openssl), using sudo when not root.
-#  2. Target libraries (libcurl, libxml2, GoogleTest, Google Benchmark):
+#  2. Target libraries (libcurl, libxml2, libdvbpsi, zlib, GoogleTest,
+#     Google Benchmark):
 #     armhf packages installed through multiarch are used when all of them
 #     are there. Otherwise build-arm32/sysroot/ is made from the same Debian
 #     armhf packages, downloaded with apt-get download and unpacked; the host's
@@ -54,7 +55,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 # ---- 2. target libraries -------------------------------------------------------
-target_packages=(libcurl4-openssl-dev libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev)
+target_packages=(libcurl4-openssl-dev libxml2-dev libdvbpsi-dev zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev)
 multiarch=yes
 for p in "${target_packages[@]}"; do installed "$p:armhf" || multiarch=no; done
 sysroot=""
@@ -112,7 +113,7 @@ else
 fi
 
 # ---- 3. configure and build ----------------------------------------------------
-cmake_args=(-S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake_args=(-S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAPPMGR_WERROR=ON
             -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" -DAPPMGR_BUILD_BENCH=ON)
 [ -n "$sysroot" ] && cmake_args+=(-DAPPMGR_ARMHF_SYSROOT="$sysroot")
 cmake "${cmake_args[@]}" >/dev/null

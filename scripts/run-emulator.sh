@@ -9,7 +9,7 @@ scripts/bootstrap.sh
 mkdir -p build
 (
   flock 9
-  cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAPPMGR_WERROR=ON >/dev/null
   cmake --build build
 ) 9>build/.run-emulator.lock
 exec build/tools/emulator/appmgr-emu "$@"

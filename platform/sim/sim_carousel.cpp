@@ -14,7 +14,8 @@
 // - the entries of a directory are listed in byte order of their names;
 // - every entry is carried in the module of its directory: the root
 //   directory's module is 1, any other directory's a number from 2 to 65535
-//   derived from its path (stable across runs).
+//   derived from its path (stable across runs); hbb_sim_set_carousel_modules
+//   gives entries the modules of a real carousel instead.
 //
 // URL paths are percent-decoded per component. Empty, "." and ".."
 // components, decoded "/" or zero bytes, and symbolic links that lead out of
@@ -56,6 +57,10 @@ constexpr long long kMaxFileSize = 64LL * 1024 * 1024;
 
 std::mutex carousel_mutex;
 std::map<int, std::string> carousels;  // component tag -> real path of the root
+// component tag -> path in the carousel ("" for the root) -> module id, for
+// carousels whose module numbers are known (a capture's); other entries get
+// derived numbers.
+std::map<int, std::map<std::string, unsigned short>> carousel_modules;
 int mounted_tag = -1;
 int breaks_pending = 0;
 
@@ -139,7 +144,14 @@ struct Entry {
     DSMCC_LoaderEntryType type = DSMCC_LOADER_ENTRY_FILE;
     std::string real_path;        // inside the root
     std::string parent_relative;  // "" for entries of the root directory
+    std::string relative;         // the entry's own path, "" for the root
 };
+
+std::string joined(const std::vector<std::string>& components) {
+    std::string path;
+    for (const std::string& c : components) path += (path.empty() ? "" : "/") + c;
+    return path;
+}
 
 // Finds the entry a URL names in the carousel at root.
 DSMCC_LoaderResult find_entry(const std::string& root, const ParsedUrl& url, Entry& entry) {
@@ -210,7 +222,19 @@ DSMCC_LoaderResult locate(const char* dvbUrl, Entry& entry) {
     if (mounted_tag < 0 || url.ctag != mounted_tag) return DSMCC_LOADER_ERROR;
     auto found = carousels.find(mounted_tag);
     if (found == carousels.end()) return DSMCC_LOADER_ERROR;
+    entry.relative = joined(url.components);
     return find_entry(found->second, url, entry);
+}
+
+// The module that carries an entry of the mounted carousel. Runs under
+// carousel_mutex.
+unsigned short module_of_entry(const Entry& entry) {
+    const auto known = carousel_modules.find(mounted_tag);
+    if (known != carousel_modules.end()) {
+        const auto module = known->second.find(entry.relative);
+        if (module != known->second.end()) return module->second;
+    }
+    return module_of(entry.parent_relative);
 }
 
 DSMCC_LoaderResult read_file(const std::string& path, unsigned char** data, unsigned int* length) {
@@ -327,9 +351,18 @@ DSMCC_LoaderResult read_event_names(const std::string& path, char** out, unsigne
 
 namespace hbbsim {
 
+bool carousel_object(const char* url, int* component_tag, std::string* path) {
+    ParsedUrl parsed;
+    if (!parse_url(url, parsed)) return false;
+    *component_tag = parsed.ctag;
+    *path = joined(parsed.components);
+    return true;
+}
+
 void reset_carousel() {
     std::lock_guard<std::mutex> lock(carousel_mutex);
     carousels.clear();
+    carousel_modules.clear();
     mounted_tag = -1;
     breaks_pending = 0;
 }
@@ -345,6 +378,7 @@ int hbb_sim_set_carousel(int component_tag, const char* directory) {
     std::lock_guard<std::mutex> lock(carousel_mutex);
     if (directory == nullptr) {
         carousels.erase(component_tag);
+        carousel_modules.erase(component_tag);
         if (mounted_tag == component_tag) mounted_tag = -1;
         return 0;
     }
@@ -354,6 +388,24 @@ int hbb_sim_set_carousel(int component_tag, const char* directory) {
         !S_ISDIR(st.st_mode))
         return -1;
     carousels[component_tag] = buffer;
+    return 0;
+}
+
+int hbb_sim_set_carousel_modules(int component_tag, const char* const* paths,
+                                 const unsigned short* modules, int count) {
+    if (component_tag < 0 || component_tag > 0xFFFF || count < 0 ||
+        (count > 0 && (paths == nullptr || modules == nullptr)))
+        return -1;
+    std::map<std::string, unsigned short> map;
+    for (int i = 0; i < count; ++i) {
+        if (paths[i] == nullptr) return -1;
+        map[paths[i]] = modules[i];
+    }
+    std::lock_guard<std::mutex> lock(carousel_mutex);
+    if (map.empty())
+        carousel_modules.erase(component_tag);
+    else
+        carousel_modules[component_tag] = std::move(map);
     return 0;
 }
 
@@ -422,9 +474,9 @@ DSMCC_LoaderResult DSMCC_LoaderGetEntryInfo(const char* dvbUrl, DSMCC_LoaderEntr
     {
         std::lock_guard<std::mutex> lock(carousel_mutex);
         result = locate(dvbUrl, entry);
+        if (result == DSMCC_LOADER_OK) module = module_of_entry(entry);
     }
     if (result == DSMCC_LOADER_OK) {
-        module = module_of(entry.parent_relative);
         if (entryType) *entryType = entry.type;
         if (moduleId) *moduleId = module;
     }

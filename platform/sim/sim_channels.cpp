@@ -397,6 +397,14 @@ int hbb_sim_add_channel(const Channel* channel) {
     return static_cast<int>(channels.size()) - 1;
 }
 
+int hbb_sim_update_channel(int position, const Channel* channel) {
+    if (!channel) return -1;
+    std::lock_guard<std::mutex> lock(channels_mutex);
+    if (position < 0 || position >= static_cast<int>(channels.size())) return -1;
+    channels[static_cast<size_t>(position)] = from_record(*channel);
+    return 0;
+}
+
 int hbb_sim_set_current_channel(int position) {
     std::lock_guard<std::mutex> lock(channels_mutex);
     if (position < -1 || position >= static_cast<int>(channels.size())) return -1;

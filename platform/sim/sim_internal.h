@@ -39,6 +39,11 @@ bool current_channel(Triplet* out, std::string* ccid);
 // there is no such channel).
 std::string channel_ccid(const Triplet& channel);
 
+// The component tag and the path ("" for the root; components decoded and
+// joined with "/") of a carousel object's dvb: URL; false when the text is
+// not one.
+bool carousel_object(const char* url, int* component_tag, std::string* path);
+
 // Queues a notification for the notifier thread (see sim_notifier.cpp).
 void post(std::function<void()> task);
 // The library entry points the host registered.

@@ -179,6 +179,23 @@ int hbb_sim_fire_stream_event(const char* url, const char* name, int status, con
     return fire(targets, status, payload, length);
 }
 
+int hbb_sim_fire_carousel_stream_event(int component_tag, const char* path, const char* name, int status,
+                                       const void* payload, int length) {
+    if (path == nullptr || name == nullptr) return 0;
+    std::vector<Subscription> targets;
+    {
+        std::lock_guard<std::mutex> lock(subscriptions_mutex);
+        for (const Subscription& s : subscriptions) {
+            int tag = -1;
+            std::string object;
+            if (!s.described && s.name == name && hbbsim::carousel_object(s.url.c_str(), &tag, &object) &&
+                tag == component_tag && object == path)
+                targets.push_back(s);
+        }
+    }
+    return fire(targets, status, payload, length);
+}
+
 int hbb_sim_fire_stream_event_by_id(int component_tag, int event_id, int status,
                                     const void* payload, int length) {
     std::vector<Subscription> targets;

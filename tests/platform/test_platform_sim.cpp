@@ -1,13 +1,17 @@
 // The porting layer as the library uses it, run against the simulated
 // platform: log filtering and output, the notification registrations, fresh
-// channel records, tuning, and the record of presentation calls.
+// channel records, tuning, the record of presentation calls, and a captured
+// carousel's module numbers and stream-event objects.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -24,6 +28,7 @@ protected:
     }
     void TearDown() override {
         hbb_sim_set_log_hook(nullptr, nullptr);
+        hbb_sim_set_decision_hook(nullptr, nullptr);
         hbb_sim_set_trace(nullptr, nullptr);
         hbb_sim_set_tune_hook(nullptr, nullptr);
         hbb_sim_set_log_file(nullptr);
@@ -82,6 +87,29 @@ TEST_F(PlatformSim, LogHookReceivesFilteredFormattedLines) {
     EXPECT_NE('\n', logged[0].second.back());
     EXPECT_EQ(5, logged[1].first);
     EXPECT_NE(std::string::npos, logged[1].second.find("ERROR"));
+}
+
+// The optional decision trace reaches the host's hook with the record as
+// given; the hook survives a reset and is not counted as a porting call.
+TEST_F(PlatformSim, DecisionTraceReachesTheHook) {
+    std::vector<std::string> seen;
+    hbb_sim_set_decision_hook(
+        [](const hbbDecision* d, void* user) {
+            static_cast<std::vector<std::string>*>(user)->push_back(
+                std::string(d->name) + " " + std::to_string(d->org_id) + "." +
+                std::to_string(d->app_id) + " " + d->reason + " " + d->url);
+        },
+        &seen);
+    hbb_sim_reset();
+    const hbbDecision kill{"kill", 7, 8, 0, "", "dvb://1.2.3.4/a.html", "service_bound", 0};
+    ASSERT_NE(hbbTraceDecision, nullptr);
+    hbbTraceDecision(&kill);
+    hbbTraceDecision(nullptr);
+    ASSERT_EQ(seen, std::vector<std::string>{"kill 7.8 service_bound dvb://1.2.3.4/a.html"});
+    EXPECT_EQ(0, hbb_sim_call_count("hbbTraceDecision"));
+    hbb_sim_set_decision_hook(nullptr, nullptr);
+    hbbTraceDecision(&kill);
+    EXPECT_EQ(1u, seen.size());
 }
 
 TEST_F(PlatformSim, LogFileGetsFileLinesAtOrAboveLevel) {
@@ -242,6 +270,58 @@ TEST_F(PlatformSim, PresentationCallsAreRecordedAndTraced) {
     hbb_sim_reset();
     EXPECT_EQ(0, hbb_sim_call_count("hbbRegisterKeySet"));
     EXPECT_EQ(0, hbb_sim_registered_keyset());
+}
+
+}  // namespace
+
+namespace {
+
+std::atomic<int> carousel_events{0};
+void count_event(char*, char*, tQUMAm_DSMCC_StreamEventStatus, char*, int) { ++carousel_events; }
+
+// A capture's carousel: the module numbers the broadcast gave its entries,
+// and events of its stream-event objects fired at the listeners of the
+// object's URL, whatever the URL's locator.
+TEST_F(PlatformSim, CarouselModulesAndObjectEventsOfACapturedCarousel) {
+    char pattern[] = "/tmp/appmgr-sim-carousel-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::string root = pattern;
+    ASSERT_EQ(0, mkdir((root + "/a").c_str(), 0755));
+    std::ofstream(root + "/a/b.txt") << "b";
+    std::ofstream(root + "/ev.ste") << "go\n";
+    ASSERT_EQ(0, hbb_sim_set_carousel(0x17, root.c_str()));
+    const char* paths[] = {"", "a/b.txt", "ev"};
+    const unsigned short modules[] = {9, 5, 6};
+    ASSERT_EQ(0, hbb_sim_set_carousel_modules(0x17, paths, modules, 3));
+    EXPECT_EQ(-1, hbb_sim_set_carousel_modules(0x10000, paths, modules, 3));
+    EXPECT_EQ(-1, hbb_sim_set_carousel_modules(0x17, nullptr, modules, 3));
+    ASSERT_EQ(eQUMA_NO_ERROR, QUMA_MountCarouselObject(0x17));
+    auto module_of = [](const char* url) {
+        DSMCC_LoaderEntryType type;
+        unsigned short module = 0;
+        return DSMCC_LoaderGetEntryInfo(url, &type, &module) == DSMCC_LOADER_OK ? module : -1;
+    };
+    EXPECT_EQ(9, module_of("dvb://1.2.3.17/"));
+    EXPECT_EQ(5, module_of("dvb://1.2.3.17/a/b.txt"));
+    EXPECT_EQ(6, module_of("dvb://1.2.3.17/ev"));
+    EXPECT_EQ(1, module_of("dvb://1.2.3.17/a"));  // not listed: its directory's
+    // The list goes with the carousel.
+    ASSERT_EQ(0, hbb_sim_set_carousel(0x17, nullptr));
+    ASSERT_EQ(0, hbb_sim_set_carousel(0x17, root.c_str()));
+    ASSERT_EQ(eQUMA_NO_ERROR, QUMA_MountCarouselObject(0x17));
+    EXPECT_NE(5, module_of("dvb://1.2.3.17/a/b.txt"));
+
+    carousel_events = 0;
+    ASSERT_EQ(0, QUMA_StreamEventsSubscribe("go", "dvb://1.2.3.17/%65v", count_event));
+    ASSERT_EQ(0, QUMA_StreamEventsSubscribe("go", "dvb://9.9.9.17/ev", count_event));
+    ASSERT_EQ(0, QUMA_StreamEventsSubscribe("stop", "dvb://1.2.3.17/ev", count_event));
+    ASSERT_EQ(0, QUMA_StreamEventsSubscribe("go", "dvb://1.2.3.18/ev", count_event));
+    ASSERT_EQ(0, QUMA_StreamEventsWOCSubscribe(0x17, "go", "dvb://1.2.3.17/ev", 1, count_event));
+    EXPECT_EQ(2, hbb_sim_fire_carousel_stream_event(0x17, "ev", "go", eQUMAm_DSMCC_EVENT_FIRE, "x", 1));
+    EXPECT_EQ(0, hbb_sim_fire_carousel_stream_event(0x17, "a/ev", "go", eQUMAm_DSMCC_EVENT_FIRE, "x", 1));
+    ASSERT_EQ(0, hbb_sim_wait_notifications(3000));
+    EXPECT_EQ(2, carousel_events.load());
+    std::filesystem::remove_all(root);
 }
 
 }  // namespace

@@ -54,6 +54,15 @@ void hbb_sim_set_log_stderr(int enabled);
 typedef void (*hbb_sim_log_fn)(int level, const char* line, void* user);
 void hbb_sim_set_log_hook(hbb_sim_log_fn fn, void* user);
 
+/* ---- decision trace ------------------------------------------------------
+ * The simulator provides the optional hbbTraceDecision and forwards every
+ * decision to this hook (if set), on the deciding thread, with the record
+ * borrowed for the call. The hook must not block and must not call into
+ * the library; like the log hook it is not traced as a porting call and
+ * stays set across hbb_sim_reset. */
+typedef void (*hbb_sim_decision_fn)(const hbbDecision* decision, void* user);
+void hbb_sim_set_decision_hook(hbb_sim_decision_fn fn, void* user);
+
 /* ---- middleware notifications --------------------------------------------
  * Fire the callbacks the library registered through QUMAm_*; each returns 0
  * when a callback was registered and called, -1 otherwise. The callback runs
@@ -78,6 +87,15 @@ int hbb_sim_fire_module_update(unsigned short module_id, unsigned char is_dir_re
  * (0 to 65535); NULL removes the tag's carousel. 0 on success, -1 for a bad
  * tag or a path that is not a directory. */
 int hbb_sim_set_carousel(int component_tag, const char* directory);
+/* The modules that carry the entries of a tag's carousel, as a real
+ * carousel numbers them: paths[i] ("" for the root, "dir/name" below it;
+ * a stream-event object by its name, without ".ste") is carried in
+ * modules[i]. DSMCC_LoaderGetEntryInfo reports these numbers; entries not
+ * listed keep the derived ones. The list replaces the tag's earlier one
+ * (count 0 clears it) and goes with hbb_sim_set_carousel(tag, NULL). 0, or
+ * -1 for a bad tag or null arrays. */
+int hbb_sim_set_carousel_modules(int component_tag, const char* const* paths,
+                                 const unsigned short* modules, int count);
 /* Removes every carousel and unmounts; no breaks stay pending. */
 void hbb_sim_clear_carousels(void);
 /* The next `count` loader calls (of any kind) report DSMCC_LOADER_BREAK and
@@ -93,6 +111,10 @@ int hbb_sim_mounted_carousel(void);
 
 /* Appends a copy of a channel; returns its position, or -1. */
 int hbb_sim_add_channel(const Channel* channel);
+/* Replaces the channel at a position by a copy (what a service scan learns
+ * later, such as the name from the SDT); the current channel stays the one
+ * at its position. 0 on success, -1 for a position outside the list. */
+int hbb_sim_update_channel(int position, const Channel* channel);
 /* Makes the channel at a position current (and presenting); -1 leaves no
  * channel current. 0 on success, -1 for a position outside the list. */
 int hbb_sim_set_current_channel(int position);
@@ -346,6 +368,12 @@ int hbb_sim_stream_event_subscribed(const char* url, const char* name, int* comp
  * the notifier thread. Returns the number of subscriptions reached. */
 int hbb_sim_fire_stream_event(const char* url, const char* name, int status, const void* payload,
                               int length);
+/* The same for an event of a carousel's stream-event object: every
+ * subscription of the first kind for this event name whose URL names the
+ * object at `path` ("dir/name", decoded) of the carousel of component_tag,
+ * whatever the rest of its locator. */
+int hbb_sim_fire_carousel_stream_event(int component_tag, const char* path, const char* name,
+                                       int status, const void* payload, int length);
 /* The same for events as the broadcast identifies them: every WOC
  * subscription with this component tag and event id. */
 int hbb_sim_fire_stream_event_by_id(int component_tag, int event_id, int status,
