@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <mutex>
@@ -137,10 +139,12 @@ protected:
         hooks.frame = [this](Connection c, const appmgr::standin::Frame& f) {
             std::lock_guard<std::mutex> g(mu_);
             frames_.push_back(std::to_string(static_cast<int>(c)) + ":" + f.body);
+            cv_.notify_all();
         };
         hooks.browser_reply = [this](Connection, int id, const std::string& reply) {
             std::lock_guard<std::mutex> g(mu_);
             replies_.push_back(std::to_string(id) + "=" + reply);
+            cv_.notify_all();
         };
         relay_ = std::make_unique<SocketRelay>(base_ + "/library", base_ + "/browser", hooks);
         std::string error;
@@ -156,8 +160,11 @@ protected:
         library_.reset();
         std::filesystem::remove_all(base_);
     }
-    std::vector<std::string> seen(std::vector<std::string>& what) {
-        std::lock_guard<std::mutex> g(mu_);
+    // What the relay told, once it has told `count` things (bounded wait:
+    // it tells after it relayed).
+    std::vector<std::string> seen(std::vector<std::string>& what, std::size_t count) {
+        std::unique_lock<std::mutex> g(mu_);
+        cv_.wait_for(g, std::chrono::seconds(2), [&] { return what.size() >= count; });
         return what;
     }
 
@@ -166,6 +173,7 @@ protected:
     std::unique_ptr<SocketRelay> relay_;
     std::unique_ptr<BrowserStandin> browser_;
     std::mutex mu_;
+    std::condition_variable cv_;
     std::vector<std::string> frames_, replies_;
 };
 
@@ -174,13 +182,13 @@ TEST_F(Relay, CopiesBothWaysAndDecodesWhatPasses) {
     const auto frame = browser_->readFrame(Connection::Application, 2000);
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->raw, "  7220|31|");
-    EXPECT_EQ(seen(frames_), std::vector<std::string>{"0:220|31|"});
+    EXPECT_EQ(seen(frames_, 1), std::vector<std::string>{"0:220|31|"});
 
     ASSERT_TRUE(browser_->send(Connection::DtvPlugins, "30|"));
     EXPECT_EQ(library_->read(Connection::DtvPlugins), "30|");
     library_->write(Connection::DtvPlugins, "0|ccid:1|One|"s + '\0');
     EXPECT_EQ(browser_->readReply(Connection::DtvPlugins, 2000), std::optional<std::string>("0|ccid:1|One|"));
-    EXPECT_EQ(seen(replies_), std::vector<std::string>{"30=0|ccid:1|One|"});
+    EXPECT_EQ(seen(replies_, 1), std::vector<std::string>{"30=0|ccid:1|One|"});
 }
 
 // One request at a time on a request connection: the emulator's waits for

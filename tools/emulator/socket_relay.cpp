@@ -483,6 +483,18 @@ bool SocketRelay::send(Connection c, const std::string& raw, int timeout_ms) {
     return writeLibrary(p, raw);
 }
 
+// A read of the emulator that got nothing in time. The library does not
+// answer this id, or is stuck: the browser's requests go on, and bytes of a
+// late reply are dropped as long as nothing else is outstanding.
+std::optional<std::string> SocketRelay::nothingRead(Pair& p, std::unique_lock<std::mutex>& g) {
+    p.status = p.paired ? ReadStatus::Timeout : ReadStatus::Closed;
+    const bool release = p.owner == Owner::Emulator;
+    if (release) p.owner = Owner::None;
+    g.unlock();
+    if (release) sendHeldRequest(p);
+    return std::nullopt;
+}
+
 std::optional<std::string> SocketRelay::readReply(Connection c, int timeout_ms) {
     Pair& p = *pairs_[static_cast<std::size_t>(c)];
     std::unique_lock<std::mutex> g(p.mu);
@@ -496,15 +508,7 @@ std::optional<std::string> SocketRelay::readReply(Connection c, int timeout_ms) 
         p.status = ReadStatus::Ok;
         return reply;
     }
-    p.status = p.paired ? ReadStatus::Timeout : ReadStatus::Closed;
-    // No reply in time: the library does not answer this id, or is stuck.
-    // The browser's requests go on; bytes of a late reply are dropped as
-    // long as nothing else is outstanding.
-    const bool release = p.owner == Owner::Emulator;
-    if (release) p.owner = Owner::None;
-    g.unlock();
-    if (release) sendHeldRequest(p);
-    return std::nullopt;
+    return nothingRead(p, g);
 }
 
 std::optional<std::string> SocketRelay::readRaw(Connection c, std::size_t max, int timeout_ms) {
@@ -518,12 +522,7 @@ std::optional<std::string> SocketRelay::readRaw(Connection c, std::size_t max, i
         p.status = ReadStatus::Ok;
         return bytes;
     }
-    p.status = p.paired ? ReadStatus::Timeout : ReadStatus::Closed;
-    const bool release = p.owner == Owner::Emulator;
-    if (release) p.owner = Owner::None;
-    g.unlock();
-    if (release) sendHeldRequest(p);
-    return std::nullopt;
+    return nothingRead(p, g);
 }
 
 ReadStatus SocketRelay::lastReadStatus(Connection c) {

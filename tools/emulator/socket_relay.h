@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -111,6 +112,7 @@ private:
     bool fromLibrary(Pair& p);
     void takeReplyBytes(Pair& p, std::string_view data);
     void sendHeldRequest(Pair& p);
+    std::optional<std::string> nothingRead(Pair& p, std::unique_lock<std::mutex>& g);
     void closePair(Pair& p, const std::string& why);
     bool writeLibrary(Pair& p, std::string_view bytes);
 
