@@ -2,7 +2,9 @@
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "node_program.h"
@@ -19,6 +21,8 @@ using webbrowser::NodeProgram;
 constexpr int kBrowserStartMs = 30000;
 constexpr int kCommandMs = 10000;
 constexpr int kEndMs = 10000;  // the browser ends by itself after command 160
+constexpr int kShotAttempts = 4;
+constexpr int kShotRetryMs = 300;
 
 // Events of the browser process that only repeat a library command already
 // shown as a frame.
@@ -211,10 +215,14 @@ void ChromiumSide::afterStep(const std::string& step_key) {
     if (!impl_->options.screenshots || !impl_->node) return;
     const std::string file = *impl_->options.screenshots + "/" + step_key + ".png";
     std::string error;
-    if (command("screenshot " + file, kCommandMs, &error))
-        emit("page      screenshot " + file);
-    else
-        emit("page      no screenshot " + file + ": " + error);
+    // A page that is being replaced cannot be captured: again a little
+    // later, a few times.
+    bool taken = false;
+    for (int attempt = 0; attempt < kShotAttempts && !taken; ++attempt) {
+        if (attempt) std::this_thread::sleep_for(std::chrono::milliseconds(kShotRetryMs));
+        taken = command("screenshot " + file, kCommandMs, &error).has_value();
+    }
+    emit(taken ? "page      screenshot " + file : "page      no screenshot " + file + ": " + error);
 }
 
 void ChromiumSide::disconnect() {

@@ -41,6 +41,7 @@ constexpr int kPollMs = 200;          // how often a waiting thread looks at the
 constexpr int kMessageGapMs = 30;     // the library takes one received block as one message
 constexpr std::size_t kChunk = 64 * 1024;
 constexpr std::size_t kMaxHeld = 32;  // browser requests held while the emulator's is answered
+constexpr std::size_t kMaxUndecoded = 64 * 1024;
 
 std::string errnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
@@ -361,7 +362,8 @@ bool SocketRelay::fromLibrary(Pair& p) {
             if (hooks_.frame) hooks_.frame(p.conn, *f);
             continue;
         }
-        if (status == standin::DecodeStatus::Malformed) {
+        // Frames are at most 4096 bytes: far more without one is not a frame.
+        if (status == standin::DecodeStatus::Malformed || p.frames.size() > kMaxUndecoded) {
             if (hooks_.malformed) hooks_.malformed(p.conn, p.frames);
             p.frames.clear();
         }

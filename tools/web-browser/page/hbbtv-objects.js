@@ -669,11 +669,14 @@
   // Event handler properties (onChannelChangeSucceeded, ...) are plain
   // properties the page sets on the element; nothing to define.
 
-  // Every video/broadcast object shows its test picture from the start.
+  // Every video/broadcast object shows its test picture from the start;
+  // the other objects have nothing to show (a receiver draws nothing for
+  // them, where Chromium would draw its box for an unknown plugin).
   function adopt(el) {
-    if (el.tagName && el.tagName.toLowerCase() === 'object' && typeOf(el) === 'video/broadcast' && !el.__hbbtvPicture) {
-      showTestPicture(el, null);
-    }
+    if (!el.tagName || el.tagName.toLowerCase() !== 'object') return;
+    const type = typeOf(el);
+    if (type === 'video/broadcast' && !el.__hbbtvPicture) showTestPicture(el, null);
+    else if (type in TYPES && type !== 'video/broadcast') el.style.setProperty('display', 'none');
   }
   new MutationObserver((records) => {
     for (const r of records) {
