@@ -20,6 +20,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -381,6 +382,14 @@ int runEmulator(const Options& o) {
     std::vector<std::string> keep =
         scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{};
     if (o.chromium.screenshots) keep.push_back(*o.chromium.screenshots);
+    // A window needs the X server's socket and its authority file, which
+    // live in the machine's /tmp (xvfb-run puts the file there).
+    if (o.chromium.headed) {
+        struct stat x11 {};
+        if (::stat("/tmp/.X11-unix", &x11) == 0) keep.push_back("/tmp/.X11-unix");
+        const char* authority = std::getenv("XAUTHORITY");
+        if (authority && ::stat(authority, &x11) == 0) keep.push_back(authority);
+    }
     if (o.testsuite) keep.push_back(*o.testsuite);
     const PrivateRun private_run =
         o.shared_tmp ? PrivateRun{false, "--shared-tmp given"} : enterPrivateRun(keep);

@@ -19,6 +19,7 @@ using webbrowser::NodeProgram;
 // Chromium's start (about 0.4 s alone, several seconds on a loaded machine)
 // and the five connections.
 constexpr int kBrowserStartMs = 30000;
+constexpr int kStartPollMs = 200;
 constexpr int kCommandMs = 10000;
 constexpr int kEndMs = 10000;  // the browser ends by itself after command 160
 constexpr int kShotAttempts = 4;
@@ -145,10 +146,17 @@ void ChromiumSide::connect(FrameLog& frames) {
         fail("cannot start the browser process: " + webbrowser::nodeBinary() + " " + webbrowser::browserScript() +
              " (scripts/bootstrap.sh installs node, chromium and the npm packages)");
     emit("page      browser process " + std::to_string(impl_->node->pid()) + " on " + impl_->relay->browserDir());
-    if (!impl_->relay->waitPaired(kBrowserStartMs)) {
+    // Connected, or ended (Chromium did not start: its reason is on
+    // standard error), or out of time.
+    bool paired = false;
+    for (int waited = 0; !paired && waited < kBrowserStartMs && !impl_->node->ended(); waited += kStartPollMs)
+        paired = impl_->relay->waitPaired(kStartPollMs);
+    if (!paired) {
         const std::string said = impl_->node->transcript();
-        fail("the browser did not connect within " + std::to_string(kBrowserStartMs / 1000) + " s" +
-             (said.empty() ? " (it printed nothing; see its messages above)" : "; it printed:\n" + said));
+        fail(std::string(impl_->node->ended() ? "the browser process ended before it connected"
+                                              : "the browser did not connect within " +
+                                                    std::to_string(kBrowserStartMs / 1000) + " s") +
+             (said.empty() ? " (see its messages above)" : "; it printed:\n" + said));
     }
 }
 
