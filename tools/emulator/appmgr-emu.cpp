@@ -19,6 +19,8 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -27,6 +29,8 @@
 
 #include "browser_side.h"
 #include "builtin_scenario.h"
+#include "capture_input.h"
+#include "capture_scenario.h"
 #include "emu_output.h"
 #include "hbb_sim.h"
 #include "private_run.h"
@@ -46,6 +50,8 @@ struct Options {
     std::optional<std::string> scenario_file;
     std::optional<std::string> write_builtin;
     bool shared_tmp = false;
+    // --ts SOURCE [--service SID] [--speed max|1], as written.
+    std::optional<std::string> ts, service, speed;
 };
 
 // One option: its names, its argument (if it takes one), its help and what
@@ -70,11 +76,19 @@ const Option kOptions[] = {
     {nullptr, "--write-builtin", "DIR",
      "write the built-in scenario and its files into DIR\n(to be run with --scenario DIR/builtin.ini)",
      [](Options& o, const std::string& dir) { o.write_builtin = dir; }},
+    {nullptr, "--ts", "FILE",
+     "play a transport-stream capture (a file, - or\nudp://127.0.0.1:PORT) as the broadcast; alone, around\na scenario of "
+     "its own, with --scenario as its [capture]",
+     [](Options& o, const std::string& source) { o.ts = source; }},
+    {nullptr, "--service", "SID", "with --ts: the service to play (default: the first\nwhose PMT signals an HbbTV AIT)",
+     [](Options& o, const std::string& sid) { o.service = sid; }},
+    {nullptr, "--speed", "max|1", "with --ts: as fast as it is read (max, the default)\nor paced by its PCR (1)",
+     [](Options& o, const std::string& speed) { o.speed = speed; }},
     {"-h", "--help", nullptr, "print this help", [](Options& o, const std::string&) { o.help = true; }},
 };
 
 const char* const kUsageHead =
-    "usage: appmgr-emu [--verbose] [--scenario FILE]\n"
+    "usage: appmgr-emu [--verbose] [--scenario FILE] [--ts FILE [--service SID] [--speed max|1]]\n"
     "       appmgr-emu --write-builtin DIR\n"
     "\n"
     "Runs libapp-mgr on the simulated platform with a stand-in browser on the\n"
@@ -85,7 +99,9 @@ const char* const kUsageHead =
     "running application, and an application from an XML AIT over HTTP. A\n"
     "scenario file (INI; see docs/emulator.md) describes a service, its\n"
     "applications and AITs, and a timeline of deliveries, channel changes,\n"
-    "network changes, browser messages and checks.\n"
+    "network changes, browser messages and checks. With --ts a real broadcast\n"
+    "capture plays into the receiver: its AITs start their applications, its\n"
+    "carousels are served, its stream events fire, its guide is searchable.\n"
     "\n";
 
 const char* const kUsageTail =
@@ -176,6 +192,7 @@ std::optional<Scenario> load(const std::string& path) {
 std::vector<std::string> filesOf(const Scenario& s, const std::string& file) {
     std::vector<std::string> keep{file};
     for (const CarouselSpec& c : s.carousels) keep.push_back(c.path);
+    if (s.capture && s.capture->isFile()) keep.push_back(s.capture->path);
     if (s.http.root) keep.push_back(*s.http.root);
     return keep;
 }
@@ -199,19 +216,53 @@ std::string builtinDirectory(bool isolated) {
     return tmpl;
 }
 
-// Writes the built-in scenario's files and reads them back.
-std::optional<Scenario> loadBuiltin(bool isolated) {
+// A scenario the emulator writes itself (with the files it serves) into the
+// run's directory and reads back, going by `name` in the output.
+using WriteScenario = std::function<std::string(const std::string& dir, std::string* error)>;
+std::optional<Scenario> loadWritten(bool isolated, const WriteScenario& write, const char* name) {
     std::string error;
     const std::string dir = builtinDirectory(isolated);
     if (dir.empty()) return std::nullopt;
-    const std::string path = writeBuiltinScenario(dir, &error);
+    const std::string path = write(dir, &error);
     if (path.empty()) {
         std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
         return std::nullopt;
     }
     std::optional<Scenario> s = load(path);
-    if (s) s->path = kBuiltinScenarioName;
+    if (s) s->path = name;
     return s;
+}
+
+// ---- a capture -----------------------------------------------------------------------
+
+bool captureUsageError(const std::string& problem) {
+    std::fprintf(stderr, "appmgr-emu: %s\n", problem.c_str());
+    usage(stderr);
+    return false;
+}
+
+// The run's capture: the scenario's [capture], or --ts (with --service and
+// --speed) in its place; none without either. False after a usage error.
+bool captureOf(const Options& o, const std::optional<Scenario>& scenario, std::optional<CaptureSpec>* out) {
+    if ((o.service || o.speed) && !o.ts) return captureUsageError("--service and --speed go with --ts");
+    std::optional<CaptureSpec> c = scenario ? scenario->capture : std::nullopt;
+    if (o.ts) {
+        if (!c) c = CaptureSpec{};
+        c->source = *o.ts;
+        c->path = c->isFile() ? std::filesystem::absolute(*o.ts).string() : *o.ts;
+    }
+    if (o.service) {
+        std::optional<long> sid = number(*o.service, 0, 0xFFFF);
+        if (!sid) return captureUsageError("--service takes a service id from 0 to 0xffff, not '" + *o.service + "'");
+        c->service = static_cast<int>(*sid);
+    }
+    if (o.speed) {
+        std::optional<bool> realtime = captureSpeed(*o.speed);
+        if (!realtime) return captureUsageError("--speed takes " + std::string(kCaptureSpeedHelp));
+        c->realtime = *realtime;
+    }
+    *out = c;
+    return true;
 }
 
 // In the shared /tmp and network: refuses at once rather than meet another
@@ -244,7 +295,7 @@ void printBanner(const PrivateRun& run, const BrowserSide& browser, bool builtin
 }
 
 // Runs s; whatever blocks, the watchdog ends the run within its limit.
-void runWithWatchdog(const Scenario& s, BrowserSide& browser) {
+void runWithWatchdog(const Scenario& s, BrowserSide& browser, CaptureInput* capture) {
     const int limit_ms = s.time_limit_s * 1000;
     std::mutex mu;
     std::condition_variable cv;
@@ -254,7 +305,7 @@ void runWithWatchdog(const Scenario& s, BrowserSide& browser) {
         if (!cv.wait_for(g, std::chrono::milliseconds(limit_ms), [&] { return done; }))
             fail("the scenario did not finish within " + std::to_string(limit_ms / 1000) + " s");
     });
-    runScenario(s, browser);
+    runScenario(s, browser, capture);
     {
         std::lock_guard<std::mutex> g(mu);
         done = true;
@@ -268,13 +319,36 @@ void runWithWatchdog(const Scenario& s, BrowserSide& browser) {
 int runEmulator(const Options& o) {
     std::optional<Scenario> scenario;
     if (o.scenario_file && !(scenario = load(*o.scenario_file))) return 2;
+    std::optional<CaptureSpec> capture_spec;
+    if (!captureOf(o, scenario, &capture_spec)) return 2;
+    if (scenario && capture_spec) scenario->capture = capture_spec;
+    // Opened before the run moves into its own /tmp and network: a UDP
+    // stream is received on the machine's loopback, where its sender is.
+    CaptureInput capture;
+    if (capture_spec) {
+        const std::string why = capture.open(*capture_spec);
+        if (!why.empty()) {
+            std::fprintf(stderr, "appmgr-emu: %s\n", why.c_str());
+            return 2;
+        }
+    }
 
     // Still a single thread here, as the namespaces require.
+    std::vector<std::string> keep = scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{};
+    if (capture_spec && capture_spec->isFile()) keep.push_back(capture_spec->path);
     const PrivateRun private_run =
-        o.shared_tmp
-            ? PrivateRun{false, "--shared-tmp given"}
-            : enterPrivateRun(scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{});
-    if (!scenario && !(scenario = loadBuiltin(private_run.isolated))) {
+        o.shared_tmp ? PrivateRun{false, "--shared-tmp given"} : enterPrivateRun(keep);
+    if (!scenario && capture_spec) {
+        // The scenario around a capture given alone.
+        const CaptureSpec spec = *capture_spec;
+        scenario = loadWritten(
+            private_run.isolated,
+            [&spec](const std::string& dir, std::string* error) { return writeCaptureScenario(dir, spec, error); },
+            kCaptureScenarioName);
+    } else if (!scenario) {
+        scenario = loadWritten(private_run.isolated, writeBuiltinScenario, kBuiltinScenarioName);
+    }
+    if (!scenario) {
         removeRunFiles();
         return 1;
     }
@@ -282,13 +356,14 @@ int runEmulator(const Options& o) {
         removeRunFiles();
         return 1;
     }
+    const bool builtin = !o.scenario_file && !capture_spec;
     std::unique_ptr<BrowserSide> browser = makeStandinSide();
-    printBanner(private_run, *browser, !o.scenario_file);
+    printBanner(private_run, *browser, builtin);
     hbb_sim_set_trace(onPlatformCall, nullptr);
-    runWithWatchdog(*scenario, *browser);
+    runWithWatchdog(*scenario, *browser, capture_spec ? &capture : nullptr);
     hbb_sim_set_trace(nullptr, nullptr);
     removeRunFiles();
-    if (!o.scenario_file)
+    if (builtin)
         emit(
             "appmgr-emu: more in examples/*.ini (appmgr-emu --scenario examples/broadband.ini);\n"
             "            docs/emulator.md describes the output and the scenario files");

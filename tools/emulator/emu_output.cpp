@@ -17,7 +17,7 @@ namespace {
 std::mutex g_out_mu;
 std::mutex g_context_mu;
 std::string g_fail_context;
-std::string g_run_files;  // guarded by g_context_mu
+std::vector<std::string> g_run_files;  // guarded by g_context_mu
 
 }  // namespace
 
@@ -75,19 +75,19 @@ void setFailContext(const std::string& context) {
 
 void removeOnExit(const std::string& dir) {
     std::lock_guard<std::mutex> g(g_context_mu);
-    g_run_files = dir;
+    g_run_files.push_back(dir);
 }
 
 void removeRunFiles() {
-    std::string dir;
+    std::vector<std::string> dirs;
     {
         std::lock_guard<std::mutex> g(g_context_mu);
-        dir.swap(g_run_files);
+        dirs.swap(g_run_files);
     }
-    if (dir.empty()) return;
-    ::nftw(
-        dir.c_str(), [](const char* path, const struct stat*, int, FTW*) { return ::remove(path); }, 16,
-        FTW_DEPTH | FTW_PHYS);
+    for (const std::string& dir : dirs)
+        ::nftw(
+            dir.c_str(), [](const char* path, const struct stat*, int, FTW*) { return ::remove(path); }, 16,
+            FTW_DEPTH | FTW_PHYS);
 }
 
 void fail(const std::string& why) {

@@ -289,10 +289,9 @@ void checkListening(Run& run, const Step& st) {
               : ""));
 }
 
-}  // namespace
-
-const std::vector<ExpectKind>& expectKinds() {
-    static const std::vector<ExpectKind> kinds{
+// The checks of this file; the groups of other files join them below.
+std::vector<ExpectKind> baseExpectKinds() {
+    return {
         {{"running"}, "ORG.APP|none", parseRunning, checkRunning},
         {{"decision", "no_decision"}, "KIND [ORG.APP]", parseDecision, checkDecision},
         {{"no_frame"}, "ID", parseNoFrame, checkNoFrame},
@@ -306,6 +305,19 @@ const std::vector<ExpectKind>& expectKinds() {
         {{"portal"}, "on|off", parsePortal, checkPortal},
         {{"listening", "not_listening"}, "URL NAME", parseListening, checkListening},
     };
+}
+
+}  // namespace
+
+const std::vector<ExpectKind>& expectKinds() {
+    static const std::vector<ExpectKind> kinds = [] {
+        std::vector<ExpectKind> all = baseExpectKinds();
+        for (auto group : {captureExpectKinds}) {
+            std::vector<ExpectKind> more = group();
+            all.insert(all.end(), more.begin(), more.end());
+        }
+        return all;
+    }();
     return kinds;
 }
 

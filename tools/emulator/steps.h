@@ -73,7 +73,12 @@ std::vector<StepKind> browserSteps();
 // The middleware's calls into the library: portal, teletext, launch, key
 // sets, keys (steps_middleware.cpp).
 std::vector<StepKind> middlewareSteps();
+// Playing a [capture] (steps_capture.cpp).
+std::vector<StepKind> captureSteps();
 // The timeline itself: waits, checks, comments, the end (steps_flow.cpp).
 std::vector<StepKind> flowSteps();
+
+// The checks of what a capture brought (steps_capture.cpp).
+std::vector<ExpectKind> captureExpectKinds();
 
 }  // namespace appmgr::emu
