@@ -107,8 +107,8 @@ const char* const kUsageHead =
 const char* const kUsageTail =
     "\n"
     "Exit status: 0 scenario passed, 1 a step failed or timed out, or another\n"
-    "process holds the library's sockets or port, 2 usage error or a scenario\n"
-    "file that cannot be read.\n";
+    "process holds the library's sockets or port, 2 usage error, a scenario\n"
+    "file that cannot be read or a capture that cannot be opened.\n";
 
 // "  -v, --verbose        also print ...": names in a column of 21, help
 // lines beside them (under them when the names are longer).
