@@ -10,7 +10,6 @@
 #include "common/c_api.h"
 #include "common/log.h"
 #include "common/seams.h"
-#include "core/core.h"
 #include "lifecycle.h"
 #include "protocol/protocol.h"
 #include "state/state.h"
@@ -41,14 +40,11 @@ APPMGR_API int applicationManagerInit(void) {
 }
 
 APPMGR_API int applicationManagerDeInit(void) {
-    return appmgr::c_entry(__func__, 1, [] {
-        appmgr::core::deinit();
-        return 1;
-    });
+    return appmgr::c_entry(__func__, 1, [] { return appmgr::lifecycle::deinit(); });
 }
 
 APPMGR_API int applicationManagerRestart(void) {
-    return appmgr::c_entry(__func__, 0, [] { return appmgr::core::restart(); });
+    return appmgr::c_entry(__func__, 0, [] { return appmgr::lifecycle::restart(); });
 }
 
 APPMGR_API int applicationManagerClose(void) {

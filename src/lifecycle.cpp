@@ -1,5 +1,6 @@
-// Start-up and close of the library: the order in which the modules are
-// brought up and torn down.
+// Start-up, suspension, restart and close of the library: the order in
+// which the modules are brought up and torn down, and what each state
+// change does to the running application.
 #include "lifecycle.h"
 
 #include <unistd.h>
@@ -96,6 +97,22 @@ int init() {
     return 1;
 }
 
+int deinit() {
+    AM_INFO("Call applicationManagerDeInit \n\n");
+    state::ManagerLock lock;
+    setKeySet(0, nullptr);
+    protocol::send(protocol::Command::HideApplication);
+    AM_INFO("applicationManagerDeInit-->going to set appmgr_state = APP_MANAGER_SUSPENDED\n\n");
+    state::set_library(APP_MANAGER_SUSPENDED);
+    state::set_portal(false);
+    if (state::running() != nullptr)
+        AM_INFO("Call applicationManagerDeInit application_manager_request_stop\n\n");
+    core::end_for_shutdown();
+    return 1;
+}
+
+int restart() { return core::restart(); }
+
 int close() {
     if (state::library() == APP_MANAGER_DEINITIALIZED) return 1;
     state::set_library(APP_MANAGER_DEINITIALIZED);
@@ -108,7 +125,10 @@ int close() {
     AM_INFO("Web Browser closed...");
     // Not under the manager lock across close_messaging: that joins the
     // receive threads, which may be waiting for the lock.
-    core::end_for_close();
+    {
+        state::ManagerLock lock;
+        core::end_for_shutdown();
+    }
     close_messaging();
     state::set_browser_running(false);
     clear_current_ait();

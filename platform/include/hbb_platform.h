@@ -61,6 +61,59 @@ void orb_log_printfs(const char* tag, int cmd, int level, const char* format, ..
 /* File log. */
 void fpi_log_printf(int cmd, int level, const char* format, ...) HBB_PRINTF_LIKE(3, 4);
 
+/* ---- decision trace (optional) --------------------------------------------
+ * Each decision the library takes about applications and tables is logged
+ * (as above) and also reported here as a named event with its fields, so a
+ * host can follow the decisions without reading log texts. A receiver may
+ * leave this function out: the library refers to it weakly and calls it only
+ * when the process provides it; the log lines are the same either way.
+ *
+ * Called on the thread that took the decision (the AIT callback thread, a
+ * browser receive thread or a middleware thread inside an entry point),
+ * usually while that thread holds the library's AIT guard: it must return
+ * promptly, must not block, and must not call into the library. The record
+ * and its texts are borrowed for the call.
+ *
+ * Events (name: when; fields set besides name):
+ *   "autostart"    an AUTOSTART entry was chosen to start: org_id, app_id,
+ *                  priority, app_name, url
+ *   "no_autostart" no AUTOSTART entry of the table may start
+ *   "keep"         the running application stays: org_id, app_id, reason
+ *                  "signalled" (the new table still signals it) or
+ *                  "network_off" (an HTTP application, the network went off)
+ *   "kill"         the running application is ended: org_id, app_id,
+ *                  reason "signalled_kill", "not_signalled",
+ *                  "needs_broadband" (it needs the network, which is not on),
+ *                  "test_table" (a test table ends every application) or
+ *                  "service_bound" (bound to the service just left)
+ *   "refused"      a table was not taken: url (the table's locator), reason
+ *                  "unknown_type", "locator_length" (value: the length),
+ *                  "dtg_current" (a DTG table of the service is current),
+ *                  "no_entries" or "incomplete_entry"
+ *   "empty"        a table without applications cleared the current one: url
+ *   "held"         an HTTP application waits for the network state: url
+ *   "probe_failed" the HTTP probe of an application failed: url
+ *   "load_error"   an application could not be loaded and recovery starts: url
+ *   "page_loaded"  the browser reported a page loaded: url
+ * Fields not set are -1 (ids), 0 (numbers) or "" (texts); new events and
+ * reasons may be added, so a host ignores names it does not know. */
+typedef struct {
+    const char* name;
+    int org_id;
+    int app_id;
+    int priority;
+    const char* app_name;
+    const char* url;
+    const char* reason;
+    int value;
+} hbbDecision;
+
+#if defined(__GNUC__) || defined(__clang__)
+void hbbTraceDecision(const hbbDecision* decision) __attribute__((weak));
+#else
+void hbbTraceDecision(const hbbDecision* decision);
+#endif
+
 /* ---- AIT, network and carousel notifications ----------------------------
  * Registration calls made once by applicationManagerInit (and again on each
  * later init). The middleware keeps the function pointer and calls it from

@@ -3,16 +3,20 @@
 // arrives. Everything runs under the manager lock, across the start and
 // kill of applications.
 #include <cstring>
+#include <string>
 
 #include "ait/ait.h"
 #include "app_mgr.h"
 #include "common/c_api.h"
+#include "common/decision.h"
 #include "common/log.h"
 #include "core/core.h"
 #include "hbb_platform.h"
 #include "state/state.h"
 
 namespace state = appmgr::state;
+namespace decision = appmgr::decision;
+using appmgr::decision::Kind;
 
 namespace {
 
@@ -22,11 +26,15 @@ void judge_running_application(AitTable& current, bool test_table) {
     if (state::running() != nullptr) {
         AM_INFO("Application IS running running_application_type:%d\n\n",
                 static_cast<int>(state::running_type()));
-        const int keep = state::running_type() == BROADCAST_INDEPENDENT
-                             ? check_independent_application_signalling(&current)
-                             : check_running_application(&current);
-        if (!keep || test_table) {
-            AM_INFO("kill running application because it is not signaled anymore\n");
+        const appmgr::ait::Verdict verdict =
+            state::running_type() == BROADCAST_INDEPENDENT
+                ? appmgr::ait::Verdict{check_independent_application_signalling(&current) != 0,
+                                       "not_signalled"}
+                : appmgr::ait::judge_running(&current);
+        if (!verdict.keep || test_table) {
+            const char* reason = verdict.keep ? "test_table" : verdict.kill_reason;
+            AM_DECISION(AM_LOG_INFO, decision::about(Kind::Kill, state::running(), reason),
+                        "kill running application because it is not signaled anymore\n");
             kill_application();
         } else {
             setKeySet(appmgr::core::current_key_set_value(), nullptr);
@@ -54,7 +62,12 @@ void ait_update(AitTable* ait) {
     state::ManagerLock lock;
     if (ait == nullptr || (ait->app_type != HBBTV_APPLICATION_TYPE &&
                            ait->app_type != DTG_CTV_APPLICATION_TYPE)) {
-        AM_ERROR("Unknown application type. Rejecting AIT table.\n");
+        // The locator field of the middleware's table need not be terminated.
+        const std::string locator =
+            ait != nullptr ? std::string(ait->dvb_url, strnlen(ait->dvb_url, sizeof(ait->dvb_url)))
+                           : std::string();
+        AM_DECISION(AM_LOG_ERROR, decision::at(Kind::Refused, locator.c_str(), "unknown_type"),
+                    "Unknown application type. Rejecting AIT table.\n");
         return;
     }
     state::set_current_ait_type(static_cast<AitTableApplicationType>(ait->app_type));
@@ -96,20 +109,25 @@ int checkNewAITTable(AitTable* ait) {
     if (ait->app_type == HBBTV_APPLICATION_TYPE) {
         const std::size_t len = strnlen(ait->dvb_url, sizeof(ait->dvb_url));
         if (len <= 3 || len >= 256) {
-            AM_INFO("Invalid DVB url len: %d\n", static_cast<int>(len));
+            AM_DECISION(AM_LOG_INFO,
+                        decision::at(Kind::Refused, state::carrier_url(), "locator_length",
+                                     static_cast<int>(len)),
+                        "Invalid DVB url len: %d\n", static_cast<int>(len));
             return 0;
         }
     }
     const AitTable& current = state::current_ait();
     if (current.app_type == DTG_CTV_APPLICATION_TYPE && ait->app_type == HBBTV_APPLICATION_TYPE &&
         std::strncmp(current.dvb_url, ait->dvb_url, sizeof(ait->dvb_url)) == 0) {
-        AM_INFO("Ignoring AIT table since we are in DTG mode...\n");
+        AM_DECISION(AM_LOG_INFO, decision::at(Kind::Refused, state::carrier_url(), "dtg_current"),
+                    "Ignoring AIT table since we are in DTG mode...\n");
         return 0;
     }
     if (ait->app_lenght == 0) {
-        AM_INFO("Empty AIT, loading empty page..appmgr_state:%d,is_portal_mode: %d\n\n",
-                static_cast<int>(state::library()), state::portal() ? 1 : 0);
-        state::clear_service_bound();
+        AM_DECISION(AM_LOG_INFO, decision::at(Kind::Empty, state::carrier_url()),
+                    "Empty AIT, loading empty page..appmgr_state:%d,is_portal_mode: %d\n\n",
+                    static_cast<int>(state::library()), state::portal() ? 1 : 0);
+        state::set_service_bound(false);
         state::clear_current_ait();
         if (state::running() != nullptr && state::active())
             appmgr::core::destroy_running_application();
@@ -118,14 +136,17 @@ int checkNewAITTable(AitTable* ait) {
         return 0;
     }
     if (ait->apps == nullptr || ait->app_lenght < 0) {
-        AM_INFO("Apps NULL, rejecting AIT table\n");
+        AM_DECISION(AM_LOG_INFO, decision::at(Kind::Refused, state::carrier_url(), "no_entries"),
+                    "Apps NULL, rejecting AIT table\n");
         return 0;
     }
     for (int i = 0; i < ait->app_lenght; ++i) {
         const Application& app = ait->apps[i];
         if (app.transport_protocol == nullptr || app.transport_protocol->url == nullptr ||
             app.app_name == nullptr) {
-            AM_INFO("Transport protocol NULL, rejecting AIT table\n");
+            AM_DECISION(AM_LOG_INFO,
+                        decision::at(Kind::Refused, state::carrier_url(), "incomplete_entry"),
+                        "Transport protocol NULL, rejecting AIT table\n");
             return 0;
         }
     }

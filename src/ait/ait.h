@@ -28,3 +28,16 @@ void displayApplicationInfo(Application* app);
 void displayTransportProtocolDescriptorInfo(transport_protocol_descriptor* tpd);
 
 }  // extern "C"
+
+namespace appmgr::ait {
+
+// The keep-or-kill judgement of a broadcast-related running application
+// against a table (lock held), with the reason of a kill as the decision
+// trace names it. check_running_application answers `keep` alone.
+struct Verdict {
+    bool keep;
+    const char* kill_reason;
+};
+Verdict judge_running(const AitTable* ait);
+
+}  // namespace appmgr::ait

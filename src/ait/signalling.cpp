@@ -9,6 +9,7 @@
 #include "ait/ait.h"
 #include "app_mgr.h"
 #include "common/c_api.h"
+#include "common/decision.h"
 #include "common/log.h"
 #include "core/core.h"
 #include "hbb_platform.h"
@@ -16,6 +17,7 @@
 #include "state/state.h"
 
 namespace state = appmgr::state;
+namespace decision = appmgr::decision;
 using appmgr::protocol::Command;
 
 namespace {
@@ -55,36 +57,44 @@ void channel_changed(Channel* channel) {
     const Application* running = state::running();
     if (running != nullptr && state::running_type() == BROADCAST_RELATED &&
         running->is_service_bound) {
-        AM_INFO("application IS service bound\n");
+        AM_DECISION(AM_LOG_INFO, decision::about(decision::Kind::Kill, running, "service_bound"),
+                    "application IS service bound\n");
         kill_application();
     }
 }
 
 }  // namespace
 
-extern "C" {
+namespace appmgr::ait {
 
-int check_running_application(AitTable* ait) {
+Verdict judge_running(const AitTable* ait) {
     const Application* running = state::running();
-    if (ait == nullptr || running == nullptr || ait->apps == nullptr) return 0;
+    if (ait == nullptr || running == nullptr || ait->apps == nullptr) return {false, "not_signalled"};
     for (int i = 0; i < ait->app_lenght; ++i) {
         const Application& app = ait->apps[i];
         if (app.organisation_id != running->organisation_id || app.app_id != running->app_id)
             continue;
         if (app.control_code == KILL) {
             AM_INFO("running_application signaled with control code KILL\n");
-            return 0;
+            return {false, "signalled_kill"};
         }
         if (app.is_IP_connect_require == 1 && state::network() != NETWORK_ON) {
             AM_INFO("running_application signaled with is_IP_connect_require = 1,but network is off\n");
-            return 0;
+            return {false, "needs_broadband"};
         }
-        AM_INFO("running application is still signaled in new ait -> keep it running\n\n");
-        return 1;
+        AM_DECISION(AM_LOG_INFO, decision::about(decision::Kind::Keep, running, "signalled"),
+                    "running application is still signaled in new ait -> keep it running\n\n");
+        return {true, ""};
     }
     AM_INFO("application not signaled anymore\n");
-    return 0;
+    return {false, "not_signalled"};
 }
+
+}  // namespace appmgr::ait
+
+extern "C" {
+
+int check_running_application(AitTable* ait) { return appmgr::ait::judge_running(ait).keep ? 1 : 0; }
 
 int check_independent_application_signalling(AitTable* table) {
     const Application* running = state::running();

@@ -29,6 +29,7 @@
 #include <unordered_map>
 
 #include "app_mgr.h"
+#include "common/atomic_word.h"
 #include "common/c_api.h"
 #include "common/log.h"
 #include "connection/connection.h"
@@ -41,15 +42,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int kReceiveBufferSize = 4096;
 constexpr int kListenBacklog = 20;
 constexpr std::size_t kMaxPathLength = 107;
-
-template <typename T>
-T load(const T& v) {
-    return __atomic_load_n(&v, __ATOMIC_ACQUIRE);
-}
-template <typename T>
-void store(T& v, T value) {
-    __atomic_store_n(&v, value, __ATOMIC_RELEASE);
-}
 
 // Per-messenger control, kept beside the C record (whose layout is fixed)
 // and looked up by address: the stop request, the wake-up pipe and the
@@ -109,7 +101,7 @@ void drain(Control& control) {
     }
 }
 
-void set_fd(Messenger_t* m, int fd) { store(m->s_msg_connection, fd); }
+void set_fd(Messenger_t* m, int fd) { store_release(m->s_msg_connection, fd); }
 
 long millis_since(Clock::time_point t) {
     return static_cast<long>(
@@ -157,7 +149,7 @@ void clear_queue_locked(Control& control) {
 // Sending on a messenger that was never started has no queue: the frame
 // goes out with non-blocking sends and whatever does not fit fails.
 ErrorType_t send_unqueued(Messenger_t* m, const char* bytes, std::size_t length) {
-    int fd = load(m->s_msg_connection);
+    int fd = load_acquire(m->s_msg_connection);
     std::size_t written = 0;
     if (fd < 0) return RET_ERROR;
     return write_some(fd, bytes, length, &written) == Write::Done ? RET_OK : RET_ERROR;
@@ -242,9 +234,9 @@ Received receive_one(Messenger_t* m, int fd, bool log_block) {
 
 }  // namespace
 
-MessengerState_t state(const Messenger_t* m) { return load(m->state); }
-void set_state(Messenger_t* m, MessengerState_t s) { store(m->state, s); }
-int connection_fd(const Messenger_t* m) { return load(m->s_msg_connection); }
+MessengerState_t state(const Messenger_t* m) { return load_acquire(m->state); }
+void set_state(Messenger_t* m, MessengerState_t s) { store_release(m->state, s); }
+int connection_fd(const Messenger_t* m) { return load_acquire(m->s_msg_connection); }
 
 }  // namespace appmgr::messenger
 

@@ -38,7 +38,8 @@ char* combinationUrl(char* dvb_url, char* location_url);
 int find_app_from_ait(char* url);
 int load_app_from_current_ait(URIInfo info);
 
-// ---- starting and ending applications (lock held) ----
+// ---- starting (application_start.cpp) and ending (application_end.cpp)
+// applications, presentation (presentation.cpp); lock held ----
 void application_manager_request_start(void);
 void application_manager_request_stop(void);
 int application_create(char* param_url);
@@ -128,21 +129,26 @@ const char* boundary_of(const Application& entry);
 void start_autostart_app();
 
 // Hands a URL to the browser as it is: it becomes the start URL and the
-// middleware is asked to start HbbTV.
+// middleware is asked to start HbbTV. The portal's own pages (its error
+// page) go this way; applications go through finish_start.
 void hand_to_browser(const char* url);
+// The end of every start that passed its checks: hand_to_browser, then the
+// broadcast stops when asked (the page replaces it), then the loaded page is
+// forgotten until the browser reports the new one.
+void finish_start(const char* url, bool stop_the_broadcast);
 
 // ---- ends ----
 // Ends the running application through application_destroy (no-op when none).
 void destroy_running_application();
 // The browser's load error for the page last handed to it.
 void handle_load_error(const char* url);
-// applicationManagerRestart: restarts the autostart application of the
-// current AIT; 1 if one was started.
+// Restarts the autostart application of the current AIT (takes the lock):
+// after an application ended, on the EXIT key and for
+// applicationManagerRestart. 1 if one was started.
 int restart();
-// applicationManagerDeInit's work (takes the lock).
-void deinit();
-// Ends the running application because the library is closing (takes the lock).
-void end_for_close();
+// Ends the running application because the library is shutting down
+// (deinit or close): nothing is restarted in its place (lock held).
+void end_for_shutdown();
 
 // ---- browser messages on "Application" (lock held unless stated) ----
 void on_exit_key();

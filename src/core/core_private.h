@@ -13,6 +13,10 @@ bool is_portal_origin(const char* url);
 // check_url_type for a caller that does not hold the manager lock.
 int classify_url(char* url);
 
+// Calls the middleware's registered start (true) or stop callback, telling
+// it first whether HbbTV may stop the broadcast (hbbIsAllowStopChannel).
+void ask_middleware(bool start);
+
 // Stops presenting the broadcast (hbbStopChannel) and notes it stopped.
 void stop_broadcast();
 

@@ -1,6 +1,7 @@
 // The broadband network state and the autostart run it triggers, and the
 // carousel module notification.
 #include "app_mgr.h"
+#include "common/decision.h"
 #include "common/c_api.h"
 #include "common/log.h"
 #include "core/core.h"
@@ -9,6 +10,7 @@
 #include "state/state.h"
 
 namespace state = appmgr::state;
+namespace decision = appmgr::decision;
 using appmgr::protocol::Command;
 using appmgr::records::entry_url;
 
@@ -38,7 +40,8 @@ int network_changed(int status) {
     } else if (status == NETWORK_OFF) {
         AM_INFO(" Network status from ON to OFF\n");
         if (running != nullptr && check_url_type(const_cast<char*>(entry_url(*running))) == HTTP_URL) {
-            AM_INFO("There is running http application,but we not stop it\n");
+            AM_DECISION(AM_LOG_INFO, decision::about(decision::Kind::Keep, running, "network_off"),
+                        "There is running http application,but we not stop it\n");
         } else if (running == nullptr && active) {
             AM_INFO("No running application in network off , found dsmcc app\n");
             runAutostartApplication(const_cast<AitTable*>(&state::current_ait()));

@@ -1,12 +1,9 @@
 // What the middleware asks of the application core from its own menus: the
-// digital teletext application, the web portal, probing and launching URLs,
-// and the browser settings it passes through.
+// digital teletext application, the web portal, probing and launching URLs.
+// The browser settings it passes through are in browser_settings.cpp.
 //
 // Downloads (XML AITs) run without the manager lock; each step that reads or
 // changes the manager record takes it.
-#include <cstdio>
-#include <cstring>
-
 #include "app_mgr.h"
 #include "common/c_api.h"
 #include "common/log.h"
@@ -30,13 +27,6 @@ constexpr int kHttpTransport = 3;
 void show_with_all_keys() {
     application_show(0);
     setKeySet(kAllKeys, nullptr);
-}
-
-// The text of an integer setting, sent as a browser command.
-void send_setting(Command command, int value) {
-    char text[8];
-    std::snprintf(text, sizeof(text), "%d", value);
-    appmgr::protocol::send_text(command, text);
 }
 
 int teletext_on() {
@@ -190,27 +180,6 @@ int probe_url(char* url) {
     return 1;
 }
 
-void configure_user_agent_addon(char* addon) {
-    setAMUserAgent(addon);
-    appmgr::protocol::send_text(Command::UserAgentAddon, addon);
-    // The terminal version is read from the single digits 6, 8 and 10
-    // characters after "HbbTV/" starts ("HbbTV/1.4.1 "); the text from "H" on
-    // must be at least 12 characters long, so a text ending right after the
-    // micro digit leaves the version unchanged.
-    const char* h = std::strstr(addon, "HbbTV/");
-    if (h != nullptr && std::strlen(h) >= 12) {
-        state::ManagerLock lock;
-        state::set_terminal_version({h[6] - '0', h[8] - '0', h[10] - '0'});
-    }
-}
-
-void screen_saver_changed(int saver) {
-    state::ManagerLock lock;
-    if (saver == state::screen_saver()) return;
-    state::set_screen_saver(saver);
-    setCheckPageTransparent(saver && state::visible() && !state::portal() ? 1 : 0);
-}
-
 }  // namespace
 
 namespace appmgr::core {
@@ -304,26 +273,6 @@ APPMGR_API int Hbbtv_AM_Probe_Url(char* pUrl) {
 
 APPMGR_API int Hbbtv_AM_Launch_Application(eLaunchType eType, char* pUrl) {
     return appmgr::c_entry(__func__, 0, [&] { return launch_from_menu(eType, pUrl); });
-}
-
-APPMGR_API void configureUserAgentAddon(char* userAgentAddOn) {
-    if (userAgentAddOn == nullptr) {
-        AM_INFO("configureUserAgentAddon error - invalid argument\n");
-        return;
-    }
-    appmgr::c_entry_void(__func__, [&] { configure_user_agent_addon(userAgentAddOn); });
-}
-
-APPMGR_API void configureCookies(int enableCookies) { send_setting(Command::Cookies, enableCookies); }
-
-APPMGR_API void configureDNT(int value) { send_setting(Command::DoNotTrack, value); }
-
-APPMGR_API void configureAcceptLanguage(char* acceptLanguage) {
-    appmgr::protocol::send_text(Command::AcceptLanguage, acceptLanguage);
-}
-
-APPMGR_API void signalStatusNotification(int saver) {
-    appmgr::c_entry_void(__func__, [&] { screen_saver_changed(saver); });
 }
 
 }  // extern "C"

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/decision.h"
 #include "common/log.h"
 #include "core/core.h"
 #include "core/core_private.h"
@@ -12,6 +13,7 @@
 #include "state/state.h"
 
 namespace state = appmgr::state;
+namespace decision = appmgr::decision;
 using appmgr::records::entry_url;
 
 namespace {
@@ -99,7 +101,8 @@ void find_autostart_app(Application* applications, int length) {
     Application* chosen = choose(applications, length, Purpose::Autostart);
     if (chosen != nullptr) {
         state::set_autostart(chosen);
-        AM_INFO("autostart_app found\n");
+        AM_DECISION(AM_LOG_INFO, decision::about(decision::Kind::Autostart, chosen),
+                    "autostart_app found\n");
         return;
     }
     AM_INFO("find autostart app s_dvb_url = %s\n\n", state::carrier_url());
@@ -107,7 +110,8 @@ void find_autostart_app(Application* applications, int length) {
     // eligible, so the platform is not told.
     if (state::network() != NETWORK_CHECKING) application_manager_invaild_app(state::carrier_url());
     state::set_autostart(nullptr);
-    AM_INFO("autostart_app NOT found\n");
+    AM_DECISION(AM_LOG_INFO, decision::Event{decision::Kind::NoAutostart},
+                "autostart_app NOT found\n");
 }
 
 // Without a threshold from the middleware a rated application is refused:

@@ -37,8 +37,6 @@ std::mutex g_mount_call_mutex;
 std::mutex g_state_mutex;
 char g_mounted_host[sizeof(DVBUrl_t::host)] = "";
 
-
-
 void copy_bounded(char* dst, std::size_t dst_size, const char* src, std::size_t length) {
     if (length >= dst_size) length = dst_size - 1;
     std::memcpy(dst, src, length);
@@ -160,6 +158,86 @@ int mount_carousel(const char* dvbUrl) {
     return 1;
 }
 
+// ---- the steps of parse_dvb_url ----------------------------------------------
+
+// The host runs from after the prefix (leading "/" skipped) to the next
+// "/". Returns where the path starts (after that "/"; a host with no "/"
+// after it has an empty path), or null when there is no host or it does not
+// fit.
+const char* take_host(const char* host, DVBUrl_t* out) {
+    while (*host == '/') ++host;
+    const std::size_t host_length = std::strcspn(host, "/");
+    if (host_length == 0) return nullptr;
+    if (host_length >= sizeof(out->host)) {
+        AM_ERROR("DVB uri host longer than %zu characters refused\n", sizeof(out->host) - 1);
+        return nullptr;
+    }
+    copy_bounded(out->host, sizeof(out->host), host, host_length);
+    AM_INFO("URL Base: %s \n", out->host);
+    return host[host_length] == '/' ? host + host_length + 1 : host + host_length;
+}
+
+// Splits the entry file off the path: what follows its last "/", or the
+// whole path when it has no "/" but a ".". False (host and path cleared)
+// when a part does not fit.
+bool take_path(const char* path, DVBUrl_t* out) {
+    const std::size_t path_length = std::strlen(path);
+    const char* entry = nullptr;
+    if (path_length >= sizeof(out->path)) {
+        AM_ERROR("DVB uri path longer than %zu characters refused\n", sizeof(out->path) - 1);
+        out->host[0] = '\0';
+        return false;
+    }
+    copy_bounded(out->path, sizeof(out->path), path, path_length);
+    char* last_slash = std::strrchr(out->path, '/');
+    if (last_slash != nullptr)
+        entry = last_slash + 1;
+    else if (std::strchr(out->path, '.') != nullptr)
+        entry = out->path;
+    if (entry == nullptr) return true;
+    const std::size_t entry_length = std::strlen(entry);
+    if (entry_length >= sizeof(out->entry_file)) {
+        AM_ERROR("DVB uri entry longer than %zu characters refused\n", sizeof(out->entry_file) - 1);
+        out->host[0] = out->path[0] = '\0';
+        return false;
+    }
+    copy_bounded(out->entry_file, sizeof(out->entry_file), entry, entry_length);
+    if (last_slash != nullptr)
+        *last_slash = '\0';
+    else
+        out->path[0] = '\0';
+    return true;
+}
+
+// Host segments, split on "." with empty segments skipped: two to four of
+// them, each of at most seven characters; the last one is the component
+// tag in hexadecimal (seven digits at most, so the value fits an int).
+bool take_component_tag(const char* host, int* tag) {
+    int segments = 0;
+    char last_segment[kMaxSegmentLength + 1] = "";
+    const char* p = host;
+    while (*p) {
+        while (*p == '.') ++p;
+        if (*p == '\0') break;
+        const std::size_t length = std::strcspn(p, ".");
+        if (length > kMaxSegmentLength) {
+            AM_ERROR("DVB uri host segment longer than %zu characters refused\n",
+                     kMaxSegmentLength);
+            return false;
+        }
+        copy_bounded(last_segment, sizeof(last_segment), p, length);
+        ++segments;
+        p += length;
+    }
+    AM_INFO("Last segment: %s\n", last_segment);
+    if (segments < 2 || segments > 4) {
+        AM_ERROR("DVB uri not in correct format \n");
+        return false;
+    }
+    *tag = static_cast<int>(std::strtoul(last_segment, nullptr, 16));
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -189,81 +267,15 @@ int parse_dvb_url(const char* dvb_url, DVBUrl_t* out) {
     out->ctag = 0;
     std::memcpy(out->protocol, "dvb://", sizeof(out->protocol));
 
-    const std::size_t url_length = std::strlen(dvb_url);
-    if (url_length <= kPrefixLength) {
+    if (std::strlen(dvb_url) <= kPrefixLength) {
         AM_ERROR("DVB uri not in correct format \n");
         return 0;
     }
-    // The host runs from the prefix (leading "/" skipped) to the next "/".
-    const char* host = dvb_url + kPrefixLength;
-    while (*host == '/') ++host;
-    const std::size_t host_length = std::strcspn(host, "/");
-    if (host_length == 0) return 0;
-    if (host_length >= sizeof(out->host)) {
-        AM_ERROR("DVB uri host longer than %zu characters refused\n", sizeof(out->host) - 1);
-        return 0;
-    }
-    copy_bounded(out->host, sizeof(out->host), host, host_length);
-    AM_INFO("URL Base: %s \n", out->host);
-
-    // The path starts after the "/" that ends the host; a host with no "/"
-    // after it has an empty path.
-    const char* path = host[host_length] == '/' ? host + host_length + 1 : host + host_length;
-    const std::size_t path_length = std::strlen(path);
-    if (path_length >= sizeof(out->path)) {
-        AM_ERROR("DVB uri path longer than %zu characters refused\n", sizeof(out->path) - 1);
-        out->host[0] = '\0';
-        return 0;
-    }
-    copy_bounded(out->path, sizeof(out->path), path, path_length);
-    if (char* last_slash = std::strrchr(out->path, '/')) {
-        const std::size_t entry_length = std::strlen(last_slash + 1);
-        if (entry_length >= sizeof(out->entry_file)) {
-            AM_ERROR("DVB uri entry longer than %zu characters refused\n",
-                     sizeof(out->entry_file) - 1);
-            out->host[0] = out->path[0] = '\0';
-            return 0;
-        }
-        copy_bounded(out->entry_file, sizeof(out->entry_file), last_slash + 1, entry_length);
-        *last_slash = '\0';
-    } else if (std::strchr(out->path, '.') != nullptr) {
-        if (path_length >= sizeof(out->entry_file)) {
-            AM_ERROR("DVB uri entry longer than %zu characters refused\n",
-                     sizeof(out->entry_file) - 1);
-            out->host[0] = out->path[0] = '\0';
-            return 0;
-        }
-        copy_bounded(out->entry_file, sizeof(out->entry_file), out->path, path_length);
-        out->path[0] = '\0';
-    }
-
-    // Host segments, split on "." with empty segments skipped; the last one
-    // is the component tag.
-    int segments = 0;
-    char last_segment[kMaxSegmentLength + 1] = "";
-    const char* p = out->host;
-    while (*p) {
-        while (*p == '.') ++p;
-        if (*p == '\0') break;
-        const std::size_t length = std::strcspn(p, ".");
-        if (length > kMaxSegmentLength) {
-            AM_ERROR("DVB uri host segment longer than %zu characters refused\n",
-                     kMaxSegmentLength);
-            return 0;
-        }
-        copy_bounded(last_segment, sizeof(last_segment), p, length);
-        ++segments;
-        p += length;
-    }
-    AM_INFO("Last segment: %s\n", last_segment);
-
-    const unsigned long value = std::strtoul(last_segment, nullptr, 16);
-    if (segments < 2 || segments > 4) {
-        AM_ERROR("DVB uri not in correct format \n");
-        return 0;
-    }
-    // At most seven hexadecimal digits: the value fits an int.
-    out->ctag = static_cast<int>(value);
+    const char* path = take_host(dvb_url + kPrefixLength, out);
+    if (path == nullptr || !take_path(path, out)) return 0;
+    int tag = 0;
+    if (!take_component_tag(out->host, &tag)) return 0;
+    out->ctag = tag;
     return out->ctag;
 }
 

@@ -25,6 +25,18 @@ char* put_hex(char* out, unsigned value) {
     return out;
 }
 
+// A comparison the field does not support, and one of no known kind:
+// logged, and the event does not match.
+bool unsupported_for_field(const Comparison& c) {
+    AM_ERROR("Unsupported comparison type: %d for this query type: %d !", c.comparison, c.field);
+    return false;
+}
+
+bool unknown_comparison(const Comparison& c) {
+    AM_ERROR("Unsupported Query comparison type: %d", c.field);
+    return false;
+}
+
 bool title_holds(EventView& view, const Comparison& c) {
     const char* name = view.event().eitName;
     if (name == nullptr) {
@@ -41,12 +53,8 @@ bool title_holds(EventView& view, const Comparison& c) {
         case eGreaterOrEqual:
         case eLess:
         case eLessOrEqual:
-            AM_ERROR("Unsupported comparison type: %d for this query type: %d !", c.comparison,
-                     c.field);
-            return false;
-        default:
-            AM_ERROR("Unsupported Query comparison type: %d", c.field);
-            return false;
+            return unsupported_for_field(c);
+        default: return unknown_comparison(c);
     }
 }
 
@@ -61,12 +69,8 @@ bool start_time_holds(const EventView& view, const Comparison& c) {
         case eLessOrEqual: return start <= c.number;
         case eContainString:
         case eDontContainString:
-            AM_ERROR("Unsupported comparison type: %d for this query type: %d !", c.comparison,
-                     c.field);
-            return false;
-        default:
-            AM_ERROR("Unsupported Query comparison type: %d", c.field);
-            return false;
+            return unsupported_for_field(c);
+        default: return unknown_comparison(c);
     }
 }
 
@@ -79,9 +83,7 @@ bool programme_id_holds(EventView& view, const Comparison& c) {
         // never holds and "does not contain" always does.
         case eContainString: return false;
         case eDontContainString: return true;
-        default:
-            AM_ERROR("Unsupported Query comparison type: %d", c.field);
-            return false;
+        default: return unknown_comparison(c);
     }
 }
 

@@ -103,18 +103,8 @@ constexpr std::size_t kFrameBufferSize = 4096;
 
 using Body = appmgr::protocol::Fields;
 
-// Adds the fields of `param` as `kind` prescribes. False when a record
-// parameter is missing (nothing can be sent then).
-bool add_fields(Body& b, Param kind, void* param) {
-    switch (kind) {
-        case Param::None: return true;
-        case Param::Text: b.add(static_cast<const char*>(param)); return true;
-        case Param::IntValue:
-            b.add(static_cast<int>(reinterpret_cast<intptr_t>(param)));
-            return true;
-        default: break;
-    }
-    if (param == nullptr) return false;
+// Adds the fields of a record parameter (non-null) as `kind` prescribes.
+bool add_record_fields(Body& b, Param kind, const void* param) {
     switch (kind) {
         case Param::IntAt: b.add(*static_cast<const int*>(param)); return true;
         case Param::ChannelRecord:
@@ -167,6 +157,20 @@ bool add_fields(Body& b, Param kind, void* param) {
         }
         default: return false;
     }
+}
+
+// Adds the fields of `param` as `kind` prescribes. False when a record
+// parameter is missing (nothing can be sent then).
+bool add_fields(Body& b, Param kind, void* param) {
+    switch (kind) {
+        case Param::None: return true;
+        case Param::Text: b.add(static_cast<const char*>(param)); return true;
+        case Param::IntValue:
+            b.add(static_cast<int>(reinterpret_cast<intptr_t>(param)));
+            return true;
+        default: break;
+    }
+    return param != nullptr && add_record_fields(b, kind, param);
 }
 
 class SendLock {

@@ -10,9 +10,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <type_traits>
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
+#include "common/atomic_word.h"
 #include "common/log.h"
 #include "hbb_platform.h"
 
@@ -88,15 +90,6 @@ int g_flag_count = 0;
 std::mutex g_user_agent_mutex;
 std::mutex g_callbacks_mutex;
 
-template <typename T>
-T load(const T& v) {
-    return __atomic_load_n(&v, __ATOMIC_ACQUIRE);
-}
-template <typename T>
-void store(T& v, T value) {
-    __atomic_store_n(&v, value, __ATOMIC_RELEASE);
-}
-
 // Every accessor of the manager record starts here. The test build stops at
 // the first access without the lock, so that the suites (and TSan) find it.
 inline void require_lock(const char* accessor) {
@@ -111,8 +104,27 @@ inline void require_lock(const char* accessor) {
 }
 #define REQUIRE_LOCK() require_lock(__func__)
 
+// Copies at most size - 1 characters, never reading further: a locator of
+// a middleware table need not be terminated within its field.
 void copy_text(char* dst, std::size_t size, const char* src) {
-    std::snprintf(dst, size, "%s", src != nullptr ? src : "");
+    std::snprintf(dst, size, "%.*s", static_cast<int>(size - 1), src != nullptr ? src : "");
+}
+
+// The exported storage keeps the C types of the interface (int flags,
+// unsigned activation); the accessors speak bool where the value is one.
+template <typename Type, typename Storage>
+Type from_storage(Storage value) {
+    if constexpr (std::is_same_v<Type, bool>)
+        return value != 0;
+    else
+        return value;
+}
+template <typename Storage, typename Type>
+Storage to_storage(Type value) {
+    if constexpr (std::is_same_v<Type, bool>)
+        return value ? 1 : 0;
+    else
+        return value;
 }
 
 void reset_flags(int count) {
@@ -146,8 +158,8 @@ bool guard_ready() { return g_guard_ready.load(); }
 
 // ---- lifecycle flags ---------------------------------------------------------
 
-AppMgrState library() { return load(appmgr_state); }
-void set_library(AppMgrState s) { store(appmgr_state, s); }
+AppMgrState library() { return load_acquire(appmgr_state); }
+void set_library(AppMgrState s) { store_release(appmgr_state, s); }
 bool active() { return library() == APP_MANAGER_INITIALIZED; }
 
 const char* library_name(AppMgrState s) {
@@ -160,30 +172,79 @@ const char* library_name(AppMgrState s) {
     return "UNKNOWN";
 }
 
-bool browser_running() { return load(webkit_running) != 0; }
-void set_browser_running(bool running) { store(webkit_running, running ? 1 : 0); }
-bool tessel() { return load(is_tessel) != 0; }
-void set_tessel(bool on) { store(is_tessel, on ? 1 : 0); }
-bool epg_initialized() { return load(epgExternalsInitialized) != 0; }
-void set_epg_initialized(bool on) { store(epgExternalsInitialized, on ? 1 : 0); }
+#define APPMGR_DEFINE_FLAG(name, storage)                                   \
+    bool name() { return load_acquire(::storage) != 0; }                    \
+    void set_##name(bool on) { store_release(::storage, on ? 1 : 0); }
+APPMGR_LIFECYCLE_FLAGS(APPMGR_DEFINE_FLAG)
+#undef APPMGR_DEFINE_FLAG
 
 void init_semaphore() { sem_init(&sem, 0, 0); }
 
 void set_user_agent(const char* text) {
     std::lock_guard<std::mutex> lock(g_user_agent_mutex);
     copy_text(activeAMUserAgent, sizeof(activeAMUserAgent), text);
-    store(activeAMUserAgentSet, 1);
+    store_release(activeAMUserAgentSet, 1);
 }
 
 std::string user_agent(bool* stored) {
     std::lock_guard<std::mutex> lock(g_user_agent_mutex);
-    *stored = load(activeAMUserAgentSet) != 0;
+    *stored = load_acquire(activeAMUserAgentSet) != 0;
     return *stored ? std::string(activeAMUserAgent) : std::string();
 }
 
-char* user_agent_buffer() { return load(activeAMUserAgentSet) != 0 ? activeAMUserAgent : nullptr; }
+char* user_agent_buffer() { return load_acquire(activeAMUserAgentSet) != 0 ? activeAMUserAgent : nullptr; }
+
+void register_callbacks(application_mngr_callback start, application_mngr_callback stop) {
+    std::lock_guard<std::mutex> lock(g_callbacks_mutex);
+    s_application_mngr_callback.hbbtv_start_app_callback = start;
+    s_application_mngr_callback.hbbtv_stop_app_callback = stop;
+    s_application_mngr_callback.enable_flag = 1;
+}
+
+application_mngr_callback_item_t callbacks() {
+    std::lock_guard<std::mutex> lock(g_callbacks_mutex);
+    return s_application_mngr_callback;
+}
 
 // ---- manager record ------------------------------------------------------------
+
+// The plain fields, one accessor pair per row of APPMGR_MANAGER_FIELDS.
+#define APPMGR_DEFINE_VALUE(name, Type, storage)           \
+    Type name() {                                          \
+        require_lock(#name);                               \
+        return from_storage<Type>(::storage);              \
+    }                                                      \
+    void set_##name(Type value) {                          \
+        require_lock("set_" #name);                        \
+        ::storage = to_storage<decltype(::storage)>(value); \
+    }
+#define APPMGR_DEFINE_TEXT(name, storage)                  \
+    const char* name() {                                   \
+        require_lock(#name);                               \
+        return ::storage;                                  \
+    }                                                      \
+    void set_##name(const char* text) {                    \
+        require_lock("set_" #name);                        \
+        copy_text(::storage, sizeof(::storage), text);     \
+    }
+#define APPMGR_DEFINE_OBJECT(name, Type, storage) \
+    Type& name() {                                \
+        require_lock(#name);                      \
+        return ::storage;                         \
+    }
+#define APPMGR_DEFINE_FOR_MIDDLEWARE(name, Type, storage)   \
+    void set_##name(Type value) {                           \
+        require_lock("set_" #name);                         \
+        ::storage = to_storage<decltype(::storage)>(value); \
+    }
+APPMGR_MANAGER_FIELDS(APPMGR_DEFINE_VALUE, APPMGR_DEFINE_TEXT, APPMGR_DEFINE_OBJECT,
+                      APPMGR_DEFINE_FOR_MIDDLEWARE)
+#undef APPMGR_DEFINE_VALUE
+#undef APPMGR_DEFINE_TEXT
+#undef APPMGR_DEFINE_OBJECT
+#undef APPMGR_DEFINE_FOR_MIDDLEWARE
+
+// The tables and the running application.
 
 const AitTable& current_ait() {
     REQUIRE_LOCK();
@@ -275,42 +336,6 @@ void forget_version() {
     current_version = -1;
 }
 
-void set_current_ait_type(AitTableApplicationType type) {
-    REQUIRE_LOCK();
-    current_ait_app_type = type;
-}
-
-const char* carrier_url() {
-    REQUIRE_LOCK();
-    return s_dvb_url;
-}
-
-void set_carrier_url(const char* url) {
-    REQUIRE_LOCK();
-    std::snprintf(s_dvb_url, sizeof(s_dvb_url), "%.*s", static_cast<int>(sizeof(s_dvb_url) - 1),
-                  url != nullptr ? url : "");
-}
-
-void clear_service_bound() {
-    REQUIRE_LOCK();
-    service_bound = 0;
-}
-
-bool has_teletext() {
-    REQUIRE_LOCK();
-    return has_teletext_application != 0;
-}
-
-int teletext_index() {
-    REQUIRE_LOCK();
-    return teletext_application_index;
-}
-
-void set_teletext_index(int index) {
-    REQUIRE_LOCK();
-    teletext_application_index = index;
-}
-
 const Application* running() {
     REQUIRE_LOCK();
     return running_application;
@@ -356,126 +381,6 @@ void clear_running() {
     hbbSetDisplayMode(0);
 }
 
-ApplicationType running_type() {
-    REQUIRE_LOCK();
-    return running_application_type;
-}
-
-void set_running_type(ApplicationType type) {
-    REQUIRE_LOCK();
-    running_application_type = type;
-}
-
-Application* autostart() {
-    REQUIRE_LOCK();
-    return autostart_app;
-}
-
-void set_autostart(Application* entry) {
-    REQUIRE_LOCK();
-    autostart_app = entry;
-}
-
-VideoBroadcastState broadcast() {
-    REQUIRE_LOCK();
-    return current_broadcast_state;
-}
-
-void set_broadcast(VideoBroadcastState s) {
-    REQUIRE_LOCK();
-    current_broadcast_state = s;
-}
-
-TunningRequestType tune_requester() {
-    REQUIRE_LOCK();
-    return tunning_requested_by;
-}
-
-void set_tune_requester(TunningRequestType who) {
-    REQUIRE_LOCK();
-    tunning_requested_by = who;
-}
-
-NetworkStatus network() {
-    REQUIRE_LOCK();
-    return network_status;
-}
-
-void set_network(NetworkStatus status) {
-    REQUIRE_LOCK();
-    network_status = status;
-}
-
-bool portal() {
-    REQUIRE_LOCK();
-    return is_portal_mode == 1;
-}
-
-void set_portal(bool on) {
-    REQUIRE_LOCK();
-    is_portal_mode = on ? 1 : 0;
-}
-
-bool visible() {
-    REQUIRE_LOCK();
-    return is_app_visible != 0;
-}
-
-void set_visible(bool on) {
-    REQUIRE_LOCK();
-    is_app_visible = on ? 1 : 0;
-}
-
-int screen_saver() {
-    REQUIRE_LOCK();
-    return ::screen_saver;
-}
-
-void set_screen_saver(int saver) {
-    REQUIRE_LOCK();
-    ::screen_saver = saver;
-}
-
-bool activated() {
-    REQUIRE_LOCK();
-    return bIsApplicationActivated == 1U;
-}
-
-void set_activated(bool on) {
-    REQUIRE_LOCK();
-    bIsApplicationActivated = on ? 1U : 0U;
-}
-
-bool deinit_in_progress() {
-    REQUIRE_LOCK();
-    return is_deinit != 0;
-}
-
-void set_deinit_in_progress(bool on) {
-    REQUIRE_LOCK();
-    is_deinit = on ? 1 : 0;
-}
-
-const char* loaded_url() {
-    REQUIRE_LOCK();
-    return loaded_application;
-}
-
-void set_loaded_url(const char* url) {
-    REQUIRE_LOCK();
-    copy_text(loaded_application, sizeof(loaded_application), url);
-}
-
-const char* start_url() {
-    REQUIRE_LOCK();
-    return hbbtv_start_url;
-}
-
-void set_start_url(const char* url) {
-    REQUIRE_LOCK();
-    copy_text(hbbtv_start_url, sizeof(hbbtv_start_url), url);
-}
-
 TerminalVersion terminal_version() {
     REQUIRE_LOCK();
     return {teminal_version_major, teminal_version_minor, teminal_version_micro};
@@ -486,48 +391,6 @@ void set_terminal_version(TerminalVersion v) {
     teminal_version_major = v.major;
     teminal_version_minor = v.minor;
     teminal_version_micro = v.micro;
-}
-
-void register_callbacks(application_mngr_callback start, application_mngr_callback stop) {
-    std::lock_guard<std::mutex> lock(g_callbacks_mutex);
-    s_application_mngr_callback.hbbtv_start_app_callback = start;
-    s_application_mngr_callback.hbbtv_stop_app_callback = stop;
-    s_application_mngr_callback.enable_flag = 1;
-}
-
-application_mngr_callback_item_t callbacks() {
-    std::lock_guard<std::mutex> lock(g_callbacks_mutex);
-    return s_application_mngr_callback;
-}
-
-fpi_zoom_setting_window_t& saved_window() {
-    REQUIRE_LOCK();
-    return nZoomdisplayWindow;
-}
-
-KeySet key_set() {
-    REQUIRE_LOCK();
-    return keySet;
-}
-
-void set_key_set(KeySet keys) {
-    REQUIRE_LOCK();
-    keySet = keys;
-}
-
-int requested_keys() {
-    REQUIRE_LOCK();
-    return activateValue;
-}
-
-void set_requested_keys(int mask) {
-    REQUIRE_LOCK();
-    activateValue = mask;
-}
-
-StreamEvents& pending_stream_events() {
-    REQUIRE_LOCK();
-    return streamEventsForSubscription;
 }
 
 }  // namespace appmgr::state

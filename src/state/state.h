@@ -52,20 +52,28 @@ bool guard_ready();
 
 // ---- lifecycle flags (atomic) ---------------------------------------------------
 
+// One row per flag: the accessor's name and the exported storage. A row
+// makes the reader `name()` (an acquire load) and the writer
+// `set_name(bool)` (a release store) in state.cpp.
+#define APPMGR_LIFECYCLE_FLAGS(FLAG)                                           \
+    /* the browser reported itself within a start-up wait */                   \
+    FLAG(browser_running, webkit_running)                                      \
+    /* the factory test marker was found at start-up */                        \
+    FLAG(tessel, is_tessel)                                                    \
+    /* the EPG search module started */                                        \
+    FLAG(epg_initialized, epgExternalsInitialized)
+
+#define APPMGR_DECLARE_FLAG(name, storage) \
+    bool name();                           \
+    void set_##name(bool on);
+APPMGR_LIFECYCLE_FLAGS(APPMGR_DECLARE_FLAG)
+#undef APPMGR_DECLARE_FLAG
+
 AppMgrState library();
 void set_library(AppMgrState s);
 // The library state is APP_MANAGER_INITIALIZED.
 bool active();
 const char* library_name(AppMgrState s);
-// The browser reported itself within a start-up wait (webkit_running).
-bool browser_running();
-void set_browser_running(bool running);
-// The factory test marker was found at start-up (is_tessel).
-bool tessel();
-void set_tessel(bool on);
-// The EPG search module started (epgExternalsInitialized).
-bool epg_initialized();
-void set_epg_initialized(bool on);
 
 // The process-private semaphore of the library (sem), set to 0 at start-up.
 void init_semaphore();
@@ -84,7 +92,79 @@ char* user_agent_buffer();
 void register_callbacks(application_mngr_callback start, application_mngr_callback stop);
 application_mngr_callback_item_t callbacks();
 
-// ---- manager record (manager lock required) -----------------------------------------
+// ---- manager record: the plain fields (manager lock required) ------------------
+
+// One row per field: the accessor's name, its type and the exported
+// storage. state.cpp turns every row into accessors that check the manager
+// lock first (the test build aborts without it), so a field cannot be added
+// without its check.
+//   VALUE           reader `name()` and writer `set_name(value)`
+//   TEXT            a fixed-size text: the reader gives the buffer, the
+//                   writer copies (cut to the buffer, always terminated)
+//   OBJECT          a record changed in place: `name()` gives a reference
+//   FOR_MIDDLEWARE  written only for the middleware, which reads the
+//                   exported name; the library never reads it, so there is
+//                   a writer only
+#define APPMGR_MANAGER_FIELDS(VALUE, TEXT, OBJECT, FOR_MIDDLEWARE)                      \
+    /* how the running application relates to the broadcast */                          \
+    VALUE(running_type, ApplicationType, running_application_type)                      \
+    /* the autostart candidate: borrowed, valid while the table it points    */         \
+    /* into lives (the current AIT or a table handed to the autostart run)   */         \
+    VALUE(autostart, Application*, autostart_app)                                       \
+    VALUE(broadcast, VideoBroadcastState, current_broadcast_state)                      \
+    VALUE(tune_requester, TunningRequestType, tunning_requested_by)                     \
+    VALUE(network, NetworkStatus, network_status)                                       \
+    VALUE(portal, bool, is_portal_mode)                                                 \
+    VALUE(visible, bool, is_app_visible)                                                \
+    VALUE(screen_saver, int, screen_saver)                                              \
+    VALUE(activated, bool, bIsApplicationActivated)                                     \
+    /* a shut-down is ending the running application */                                 \
+    VALUE(deinit_in_progress, bool, is_deinit)                                          \
+    /* the current AIT signals a teletext application (set with the table) */           \
+    VALUE(has_teletext, bool, has_teletext_application)                                 \
+    VALUE(teletext_index, int, teletext_application_index)                              \
+    /* the key set in force and the mask last requested */                              \
+    VALUE(key_set, KeySet, keySet)                                                      \
+    VALUE(requested_keys, int, activateValue)                                           \
+    /* URL of the page the browser last reported loaded */                              \
+    TEXT(loaded_url, loaded_application)                                                \
+    /* URL handed to the browser when the middleware starts HbbTV */                    \
+    TEXT(start_url, hbbtv_start_url)                                                    \
+    /* locator of the service that carried the last table offered */                    \
+    TEXT(carrier_url, s_dvb_url)                                                        \
+    /* the display window saved when the portal opened */                               \
+    OBJECT(saved_window, fpi_zoom_setting_window_t, nZoomdisplayWindow)                 \
+    /* the pending stream-event listeners: requests for URLs relative to a   */         \
+    /* page that arrived before any page was loaded. Under the manager lock  */         \
+    /* so that "no page yet, keep the request" cannot interleave with the    */         \
+    /* browser reporting its page loaded.                                    */         \
+    OBJECT(pending_stream_events, StreamEvents, streamEventsForSubscription)            \
+    /* the type of the last table offered */                                            \
+    FOR_MIDDLEWARE(current_ait_type, AitTableApplicationType, current_ait_app_type)     \
+    /* cleared when an empty table arrives */                                           \
+    FOR_MIDDLEWARE(service_bound, bool, service_bound)
+
+#define APPMGR_DECLARE_VALUE(name, Type, storage) \
+    Type name();                                  \
+    void set_##name(Type value);
+#define APPMGR_DECLARE_TEXT(name, storage) \
+    const char* name();                    \
+    void set_##name(const char* text);
+#define APPMGR_DECLARE_OBJECT(name, Type, storage) Type& name();
+#define APPMGR_DECLARE_FOR_MIDDLEWARE(name, Type, storage) void set_##name(Type value);
+APPMGR_MANAGER_FIELDS(APPMGR_DECLARE_VALUE, APPMGR_DECLARE_TEXT, APPMGR_DECLARE_OBJECT,
+                      APPMGR_DECLARE_FOR_MIDDLEWARE)
+#undef APPMGR_DECLARE_VALUE
+#undef APPMGR_DECLARE_TEXT
+#undef APPMGR_DECLARE_OBJECT
+#undef APPMGR_DECLARE_FOR_MIDDLEWARE
+
+// ---- manager record: the tables and the running application (manager lock
+// required) ------------------------------------------------------------------------
+//
+// Operations on more than one field at a time; each checks the lock as the
+// generated accessors do. The middleware also reads first_run (set here with
+// the table, never read by the library).
 
 // The current AIT.
 const AitTable& current_ait();
@@ -113,14 +193,6 @@ void mark_entry_failed(int index);
 // (31 -> 0 counts as newer) and answers whether it was newer.
 bool accept_version(int version);
 void forget_version();
-void set_current_ait_type(AitTableApplicationType type);
-// Locator of the service that carried the last table offered (s_dvb_url).
-const char* carrier_url();
-void set_carrier_url(const char* url);
-void clear_service_bound();
-bool has_teletext();
-int teletext_index();
-void set_teletext_index(int index);
 
 // The running application (a private copy), or null.
 const Application* running();
@@ -133,57 +205,11 @@ bool set_running(const Application& entry);
 bool set_running_independent(const char* url);
 // Releases the running application (and resets the display mode).
 void clear_running();
-ApplicationType running_type();
-void set_running_type(ApplicationType type);
-// The autostart candidate: borrowed, valid while the table it points into
-// lives (the current AIT or a table handed to the autostart run).
-Application* autostart();
-void set_autostart(Application* entry);
-
-VideoBroadcastState broadcast();
-void set_broadcast(VideoBroadcastState s);
-TunningRequestType tune_requester();
-void set_tune_requester(TunningRequestType who);
-NetworkStatus network();
-void set_network(NetworkStatus status);
-bool portal();
-void set_portal(bool on);
-bool visible();
-void set_visible(bool on);
-int screen_saver();
-void set_screen_saver(int saver);
-bool activated();
-void set_activated(bool on);
-// A shut-down is ending the running application (is_deinit).
-bool deinit_in_progress();
-void set_deinit_in_progress(bool on);
-
-// URL of the page the browser last reported loaded (loaded_application).
-const char* loaded_url();
-void set_loaded_url(const char* url);
-// URL handed to the browser when the middleware starts HbbTV (hbbtv_start_url).
-const char* start_url();
-void set_start_url(const char* url);
 
 struct TerminalVersion {
     int major, minor, micro;
 };
 TerminalVersion terminal_version();
 void set_terminal_version(TerminalVersion v);
-
-// The display window saved when the portal opened.
-fpi_zoom_setting_window_t& saved_window();
-
-// The key set in force (keySet) and the mask last requested.
-KeySet key_set();
-void set_key_set(KeySet keys);
-int requested_keys();
-void set_requested_keys(int mask);
-
-// The pending stream-event listeners (streamEventsForSubscription): requests
-// for URLs relative to a page that arrived before any page was loaded. Kept
-// under the manager lock so that "no page yet, keep the request" cannot
-// interleave with the browser reporting its page loaded.
-StreamEvents& pending_stream_events();
 
 }  // namespace appmgr::state

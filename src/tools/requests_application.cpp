@@ -1,5 +1,6 @@
 // Messages the browser sends about its page on the "Application"
 // connection. None of them is answered.
+#include "common/decision.h"
 #include "common/log.h"
 #include "core/core.h"
 #include "state/state.h"
@@ -26,7 +27,8 @@ void page_partly_loaded(Request&) {
 void page_loaded(Request& request) {
     const std::string url = request.text(1023);
     state::set_loaded_url(url.c_str());
-    AM_INFO("page %s is loaded...", url.c_str());
+    AM_DECISION(AM_LOG_INFO, decision::at(decision::Kind::PageLoaded, url.c_str()),
+                "page %s is loaded...", url.c_str());
 }
 
 void browser_state(Request& request) { core::on_browser_state_report(request.integer()); }

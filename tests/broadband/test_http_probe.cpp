@@ -54,6 +54,20 @@ TEST_F(HttpProbeTest, ReasonPhraseDecidesTheOutcome) {
     EXPECT_TRUE(log_.contains("page_error = 404"));
 }
 
+// A start whose probe fails reports it, and the load error the recovery
+// starts from, as decisions.
+TEST_F(HttpProbeTest, FailedProbeOfAStartIsADecision) {
+    server_.respond("/gone.html", "404 Not Found", "");
+    std::string url = server_.url("/gone.html");
+    EXPECT_EQ(locked([&] { return application_create(url.data()); }), 0);
+    std::vector<std::string> told;
+    for (const Decision& d : decisions_.all()) told.push_back(d.name + " " + d.url);
+    ASSERT_GE(told.size(), 2u);
+    EXPECT_EQ(told[0], "probe_failed " + url);
+    EXPECT_EQ(told[1], "load_error " + url);
+    EXPECT_EQ(starts_.load(), 0);
+}
+
 TEST_F(HttpProbeTest, EveryRedirectHopIsJudged) {
     server_.respond("/final", "200 OK", "ok");
     server_.respond("/moved", "302 Found", "", {"Location: /final"});

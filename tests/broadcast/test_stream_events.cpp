@@ -65,7 +65,7 @@ protected:
     }
     void pageLoaded(const std::string& url) {
         ASSERT_TRUE(browser_.send(Connection::Application, "82|" + url + "|"));
-        ASSERT_TRUE(log_.waitFor("page " + url + " is loaded...", 3000));
+        ASSERT_TRUE(decisions_.waitFor({"page_loaded", "", url}, 3000));
     }
 };
 

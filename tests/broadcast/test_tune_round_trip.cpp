@@ -70,7 +70,7 @@ TEST_F(TuneTest, ServiceBoundApplicationEndsWithTheTune) {
     tune(kTuneToTwo, kTwoRecord);
     EXPECT_FALSE(app_running());
     EXPECT_EQ(hbb_sim_current_channel(), kTwo);
-    EXPECT_TRUE(log_.contains("application IS service bound"));
+    EXPECT_TRUE(decisions_.contains({"kill", "service_bound"}));
     EXPECT_EQ(requester(), NOT_REQUESTED);
     EXPECT_TRUE(log_.contains("CMD_SET_CHANNEL called!"));
 }
@@ -85,7 +85,8 @@ TEST_F(TuneTest, UnboundApplicationIsKeptAndJudgedByTheNextTable) {
     OwnedAit next(16, "dvb://1.2.4", {app});
     ASSERT_EQ(hbb_sim_fire_ait(next.get()), 0);
     EXPECT_TRUE(app_running());
-    EXPECT_TRUE(log_.contains("running application is still signaled in new ait -> keep it running"));
+    EXPECT_TRUE(decisions_.contains({"keep", "signalled"}));
+    EXPECT_FALSE(decisions_.contains({"kill"}));
 }
 
 // A broadcast-independent application survives only a tune it asked for.

@@ -56,6 +56,15 @@ TEST_F(AitIntakeTest, AutostartIsAnnouncedAndStarted) {
     EXPECT_EQ(current_locator(), "dvb://1.2.3");
     EXPECT_EQ(current_entries(), 3);
     EXPECT_EQ(refusals(), 0);
+    const std::vector<Decision> decisions = decisions_.all();
+    ASSERT_EQ(decisions.size(), 1u) << describe(decisions);
+    const Decision& chosen = decisions[0];
+    EXPECT_EQ(chosen.name, "autostart");
+    EXPECT_EQ(chosen.org_id, 0x10);
+    EXPECT_EQ(chosen.app_id, 2);
+    EXPECT_EQ(chosen.priority, 9);
+    EXPECT_EQ(chosen.app_name, "app");
+    EXPECT_EQ(chosen.url, "dvb://1.2.3.1/app2/index.html");
 }
 
 TEST_F(AitIntakeTest, RefusedTablesLeaveTheCurrentAit) {
@@ -65,7 +74,7 @@ TEST_F(AitIntakeTest, RefusedTablesLeaveTheCurrentAit) {
 
     OwnedAit type17(17, "dvb://1.2.3", {carousel(2)});
     deliver(type17);
-    EXPECT_TRUE(log_.contains("Unknown application type. Rejecting AIT table."));
+    EXPECT_TRUE(decisions_.contains({"refused", "unknown_type", "dvb://1.2.3"}));
     EXPECT_EQ(refusals(), 0);  // refused before the platform is told
 
     OwnedAit short_url(16, "dvb", {carousel(2)});
@@ -76,8 +85,10 @@ TEST_F(AitIntakeTest, RefusedTablesLeaveTheCurrentAit) {
     OwnedAit unterminated(16, "", {carousel(2)});
     memset(unterminated->dvb_url, 'u', sizeof(unterminated->dvb_url));
     deliver(unterminated);
-    EXPECT_TRUE(log_.contains("Invalid DVB url len: 3"));
-    EXPECT_TRUE(log_.contains("Invalid DVB url len: 256"));
+    std::vector<int> lengths;
+    for (const Decision& d : decisions_.all())
+        if (d.name == "refused" && d.reason == "locator_length") lengths.push_back(d.value);
+    EXPECT_EQ(lengths, (std::vector<int>{3, 256}));
     EXPECT_EQ(refusals(), 2);  // a 255-character locator is accepted
     EXPECT_EQ(current_entries(), 1);
 
@@ -90,6 +101,7 @@ TEST_F(AitIntakeTest, RefusedTablesLeaveTheCurrentAit) {
     no_url->apps[0].transport_protocol->url = nullptr;
     deliver(no_url);
     EXPECT_EQ(refusals(), 4);
+    EXPECT_EQ(decisions_.count({"refused", "incomplete_entry", "dvb://1.2.3"}), 2);
     EXPECT_EQ(locked([] { return std::string(state::carrier_url()); }), "dvb://1.2.3");
     EXPECT_EQ(current_entry_url(0), std::string(long_url->apps[0].transport_protocol->url));
 }
@@ -100,7 +112,7 @@ TEST_F(AitIntakeTest, DtgTableShadowsHbbtvTablesOfTheSameService) {
     EXPECT_EQ(getCurrentAitTableApplicationType(), DTG_CTV_APPLICATION_TYPE);
     OwnedAit hbbtv(16, "dvb://1.2.3", {carousel(2)});
     deliver(hbbtv);
-    EXPECT_TRUE(log_.contains("Ignoring AIT table since we are in DTG mode..."));
+    EXPECT_TRUE(decisions_.contains({"refused", "dtg_current", "dvb://1.2.3"}));
     EXPECT_EQ(getCurrentAitTableApplicationType(), DTG_CTV_APPLICATION_TYPE);
     OwnedAit other_service(16, "dvb://1.2.4", {carousel(2)});
     deliver(other_service);
@@ -119,6 +131,7 @@ TEST_F(AitIntakeTest, EmptyTableEndsTheApplicationAndIsReportedRefused) {
     EXPECT_EQ(locked([] { return state::current_ait().apps; }), nullptr);
     EXPECT_EQ(refusals(), 1);
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
+    EXPECT_TRUE(decisions_.contains({"empty", "", "dvb://1.2.3"}));
 }
 
 TEST_F(AitIntakeTest, KeepOrKillOnANewTable) {
@@ -131,13 +144,15 @@ TEST_F(AitIntakeTest, KeepOrKillOnANewTable) {
     deliver(present);
     EXPECT_EQ(running_record(), before);
     EXPECT_EQ(MiddlewareCallbacks::stops(), 0);
+    EXPECT_TRUE(decisions_.contains({"keep", "signalled", "", 0x10, 1}));
 
     OwnedAit killed(16, "dvb://1.2.3", {carousel(1, KILL), carousel(2, PRESENT)});
     deliver(killed);
     EXPECT_FALSE(app_running());
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
     EXPECT_EQ(hbb_sim_call_count("hbbBindCurrentChannel"), 1);
-    EXPECT_TRUE(log_.contains("kill running application because it is not signaled anymore"));
+    EXPECT_TRUE(decisions_.contains({"kill", "signalled_kill", "", 0x10, 1}))
+        << describe(decisions_.all());
 }
 
 TEST_F(AitIntakeTest, TestTableKillsEvenASignalledApplication) {
@@ -150,6 +165,8 @@ TEST_F(AitIntakeTest, TestTableKillsEvenASignalledApplication) {
     EXPECT_EQ(MiddlewareCallbacks::stops(), 1);
     EXPECT_EQ(MiddlewareCallbacks::starts(), 2);
     ASSERT_TRUE(app_running());
+    EXPECT_TRUE(decisions_.contains({"kill", "test_table", "", 0x10, 1}));
+    EXPECT_EQ(decisions_.count({"autostart", "", "", 0x10, 1}), 2);
 }
 
 TEST_F(AitIntakeTest, TablesBeforeActivationBecomeCurrentButStartNothing) {
@@ -171,6 +188,14 @@ TEST_F(AitIntakeTest, HttpAutostartWaitsForTheNetwork) {
     OwnedAit ait(16, "dvb://1.2.3", {http_app(7, 8, url)});
     deliver(ait);
     EXPECT_FALSE(app_running());  // network off
+    EXPECT_TRUE(decisions_.contains({"no_autostart"}));
+    // While the network state is checked the entry is chosen but held.
+    ASSERT_EQ(hbb_sim_fire_network_status(NETWORK_CHECKING), 0);
+    deliver(ait);
+    EXPECT_TRUE(decisions_.contains({"autostart", "", url, 7, 8}));
+    EXPECT_TRUE(decisions_.contains({"held", "", url}));
+    EXPECT_FALSE(app_running());
+    EXPECT_EQ(body(), "59|no boundary|");  // announced before the check held it
     ASSERT_EQ(hbb_sim_fire_network_status(NETWORK_ON), 0);
     EXPECT_EQ(body(), "59|no boundary|");
     EXPECT_EQ(body(), "50|" + url + "|");

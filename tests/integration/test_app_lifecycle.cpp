@@ -182,7 +182,7 @@ TEST_F(AppLifecycleTest, LaunchTypes) {
 
 TEST_F(AppLifecycleTest, PageEventsFromTheBrowser) {
     send("82|http://host.example/dir/page.html|");
-    ASSERT_TRUE(log_.waitFor("page http://host.example/dir/page.html is loaded...", 3000));
+    ASSERT_TRUE(decisions_.waitFor({"page_loaded", "", "http://host.example/dir/page.html"}, 3000));
     EXPECT_EQ(locked([] { return std::string(state::loaded_url()); }),
               "http://host.example/dir/page.html");
 
@@ -242,7 +242,7 @@ TEST_F(AppLifecycleTest, NetworkStatusTransitions) {
     locked([&] { update_running_application_as_independent(url); });
     EXPECT_EQ(sendNetworkStatus(1), 1);
     EXPECT_EQ(sendNetworkStatus(0), 1);
-    EXPECT_TRUE(log_.contains("There is running http application,but we not stop it"));
+    EXPECT_TRUE(decisions_.contains({"keep", "network_off", "http://host.example/app.html"}));
     EXPECT_TRUE(app_running());
 }
 
@@ -259,6 +259,12 @@ TEST_F(AppLifecycleTest, LoadErrorMarksTheEntryAndTheNextOneStarts) {
     EXPECT_EQ(running_app_id(), 2);
     EXPECT_FALSE(startable(0));
     EXPECT_TRUE(startable(1));
+    std::vector<std::string> told;
+    for (const Decision& d : decisions_.all())
+        told.push_back(d.name + " " + std::to_string(d.app_id) + " " + d.url);
+    EXPECT_EQ(told, (std::vector<std::string>{"autostart 1 dvb://1.2.3.1/missing/index.html",
+                                              "load_error -1 dvb://1.2.3.1/missing/index.html",
+                                              "autostart 2 dvb://1.2.3.1/index.html"}));
     EXPECT_EQ(bodyOf(50), "50|dvb://1.2.3.1/index.html|");
     EXPECT_EQ(MiddlewareCallbacks::starts(), 1);
 

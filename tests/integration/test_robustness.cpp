@@ -205,7 +205,7 @@ TEST_F(RobustnessTest, StartsThatPointAtThemselvesEnd) {
     // A page loaded from a base of no known form: resolving a relative URL
     // against it would give another relative URL, without end.
     ASSERT_TRUE(browser_.send(Connection::Application, "82|app/dir/page.html|"));
-    ASSERT_TRUE(log_.waitFor("page app/dir/page.html is loaded...", 5000));
+    ASSERT_TRUE(decisions_.waitFor({"page_loaded", "", "app/dir/page.html"}, 5000));
     char relative[] = "next.html";
     EXPECT_EQ(locked([&] { return application_create(relative); }), 0);
     EXPECT_TRUE(log_.contains("cannot be started"));

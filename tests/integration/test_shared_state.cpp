@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -87,6 +88,11 @@ protected:
     std::thread drain_;
 };
 
+template <typename T>
+T zero() {
+    return T{};
+}
+
 }  // namespace
 
 TEST_F(SharedStateTest, NetworkStatusWhileProbing) {
@@ -131,7 +137,7 @@ TEST_F(SharedStateTest, BrowserPageMessagesDuringAitUpdates) {
             }
         });
     sendApplication("82|http://host.example/last.html|");
-    ASSERT_TRUE(log_.waitFor("page http://host.example/last.html is loaded...", 10000));
+    ASSERT_TRUE(decisions_.waitFor({"page_loaded", "", "http://host.example/last.html"}, 10000));
 }
 
 TEST_F(SharedStateTest, PortalAndLaunchDuringAitUpdates) {
@@ -187,7 +193,7 @@ TEST_F(SharedStateTest, SmallerXmlAitLeavesTheBroadcastMarksAlone) {
     sendNetworkStatus(NETWORK_ON);
     EXPECT_EQ(closeWebPortal(), 1);
     sendApplication("82|http://host.example/marker.html|");
-    ASSERT_TRUE(log_.waitFor("page http://host.example/marker.html is loaded...", 5000));
+    ASSERT_TRUE(decisions_.waitFor({"page_loaded", "", "http://host.example/marker.html"}, 5000));
 }
 
 TEST_F(SharedStateTest, CloseWhileAitUpdatesArrive) {
@@ -204,4 +210,42 @@ TEST_F(SharedStateTest, CloseWhileAitUpdatesArrive) {
     done = true;
     updates.join();
     EXPECT_EQ(lockAitGuard(), 0);
+}
+
+// Every accessor of the manager record, and the operations on its tables,
+// stop the test build when the calling thread does not hold the manager
+// lock; with the lock the same calls pass. The field list is expanded here
+// as the library expands it, so a row added without its check fails.
+TEST(ManagerLockDeathTest, EveryAccessWithoutTheLockAborts) {
+    namespace state = appmgr::state;
+    std::vector<std::pair<std::string, std::function<void()>>> accesses;
+#define READ_AND_WRITE(name, Type, storage)                                 \
+    accesses.emplace_back(#name, [] { (void)state::name(); });                \
+    accesses.emplace_back("set_" #name, [] { state::set_##name(zero<Type>()); });
+#define TEXT(name, storage)                                                   \
+    accesses.emplace_back(#name, [] { (void)state::name(); });                \
+    accesses.emplace_back("set_" #name, [] { state::set_##name("x"); });
+#define OBJECT(name, Type, storage) accesses.emplace_back(#name, [] { (void)&state::name(); });
+#define WRITE_ONLY(name, Type, storage) \
+    accesses.emplace_back("set_" #name, [] { state::set_##name(zero<Type>()); });
+    APPMGR_MANAGER_FIELDS(READ_AND_WRITE, TEXT, OBJECT, WRITE_ONLY)
+#undef READ_AND_WRITE
+#undef TEXT
+#undef OBJECT
+#undef WRITE_ONLY
+    accesses.emplace_back("current_ait", [] { (void)&state::current_ait(); });
+    accesses.emplace_back("current_entry", [] { (void)state::current_entry(0); });
+    accesses.emplace_back("find_entry", [] { (void)state::find_entry("x"); });
+    accesses.emplace_back("mark_entry_failed", [] { state::mark_entry_failed(0); });
+    accesses.emplace_back("accept_version", [] { (void)state::accept_version(1); });
+    accesses.emplace_back("running", [] { (void)state::running(); });
+    accesses.emplace_back("clear_running", [] { state::clear_running(); });
+    accesses.emplace_back("terminal_version", [] { (void)state::terminal_version(); });
+
+    for (const auto& [name, access] : accesses) {
+        SCOPED_TRACE(name);
+        EXPECT_DEATH(access(), "manager state accessed without the manager lock: " + name + "\n");
+        appmgr::state::ManagerLock lock;
+        access();
+    }
 }

@@ -28,6 +28,7 @@ protected:
     }
     void TearDown() override {
         hbb_sim_set_log_hook(nullptr, nullptr);
+        hbb_sim_set_decision_hook(nullptr, nullptr);
         hbb_sim_set_trace(nullptr, nullptr);
         hbb_sim_set_tune_hook(nullptr, nullptr);
         hbb_sim_set_log_file(nullptr);
@@ -86,6 +87,29 @@ TEST_F(PlatformSim, LogHookReceivesFilteredFormattedLines) {
     EXPECT_NE('\n', logged[0].second.back());
     EXPECT_EQ(5, logged[1].first);
     EXPECT_NE(std::string::npos, logged[1].second.find("ERROR"));
+}
+
+// The optional decision trace reaches the host's hook with the record as
+// given; the hook survives a reset and is not counted as a porting call.
+TEST_F(PlatformSim, DecisionTraceReachesTheHook) {
+    std::vector<std::string> seen;
+    hbb_sim_set_decision_hook(
+        [](const hbbDecision* d, void* user) {
+            static_cast<std::vector<std::string>*>(user)->push_back(
+                std::string(d->name) + " " + std::to_string(d->org_id) + "." +
+                std::to_string(d->app_id) + " " + d->reason + " " + d->url);
+        },
+        &seen);
+    hbb_sim_reset();
+    const hbbDecision kill{"kill", 7, 8, 0, "", "dvb://1.2.3.4/a.html", "service_bound", 0};
+    ASSERT_NE(hbbTraceDecision, nullptr);
+    hbbTraceDecision(&kill);
+    hbbTraceDecision(nullptr);
+    ASSERT_EQ(seen, std::vector<std::string>{"kill 7.8 service_bound dvb://1.2.3.4/a.html"});
+    EXPECT_EQ(0, hbb_sim_call_count("hbbTraceDecision"));
+    hbb_sim_set_decision_hook(nullptr, nullptr);
+    hbbTraceDecision(&kill);
+    EXPECT_EQ(1u, seen.size());
 }
 
 TEST_F(PlatformSim, LogFileGetsFileLinesAtOrAboveLevel) {

@@ -74,6 +74,65 @@ std::vector<std::string> LogCapture::lines() const {
     return lines_;
 }
 
+bool DecisionMatch::matches(const Decision& d) const {
+    if (d.name != name) return false;
+    if (!reason.empty() && d.reason != reason) return false;
+    if (!url.empty() && d.url != url) return false;
+    if (org_id >= 0 && (d.org_id != org_id || d.app_id != app_id)) return false;
+    return true;
+}
+
+DecisionCapture::DecisionCapture() { hbb_sim_set_decision_hook(&DecisionCapture::hook, this); }
+
+DecisionCapture::~DecisionCapture() { hbb_sim_set_decision_hook(nullptr, nullptr); }
+
+void DecisionCapture::hook(const hbbDecision* d, void* user) {
+    auto* self = static_cast<DecisionCapture*>(user);
+    auto text = [](const char* t) { return std::string(t != nullptr ? t : ""); };
+    Decision copy{text(d->name), d->org_id,      d->app_id,        d->priority,
+                  text(d->app_name), text(d->url), text(d->reason), d->value};
+    {
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->decisions_.push_back(std::move(copy));
+    }
+    self->cv_.notify_all();
+}
+
+int DecisionCapture::count(const DecisionMatch& match) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int seen = 0;
+    for (const Decision& d : decisions_)
+        if (match.matches(d)) ++seen;
+    return seen;
+}
+
+bool DecisionCapture::waitFor(const DecisionMatch& match, int timeout_ms, int count) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+        int seen = 0;
+        for (const Decision& d : decisions_)
+            if (match.matches(d)) ++seen;
+        return seen >= count;
+    });
+}
+
+std::vector<Decision> DecisionCapture::all() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return decisions_;
+}
+
+std::string describe(const std::vector<Decision>& decisions) {
+    std::string out;
+    for (const Decision& d : decisions) {
+        out += out.empty() ? "" : ", ";
+        out += d.name;
+        if (d.org_id >= 0) out += " " + std::to_string(d.org_id) + "." + std::to_string(d.app_id);
+        if (!d.reason.empty()) out += " (" + d.reason + ")";
+        if (!d.url.empty()) out += " " + d.url;
+    }
+    return out.empty() ? "none" : out;
+}
+
 namespace {
 std::atomic<int> g_starts{0};
 std::atomic<int> g_stops{0};

@@ -13,6 +13,7 @@
 
 #include "app_mgr_state.h"
 #include "browser_standin.h"
+#include "hbb_sim.h"
 #include "state/state.h"
 
 namespace appmgr::test {
@@ -110,6 +111,56 @@ private:
     std::vector<std::string> lines_;
 };
 
+// One decision the library reported through the decision trace, its texts
+// copied.
+struct Decision {
+    std::string name;
+    int org_id = -1;
+    int app_id = -1;
+    int priority = 0;
+    std::string app_name;
+    std::string url;
+    std::string reason;
+    int value = 0;
+};
+
+// What a test looks for in the decisions: the event's name and, when given,
+// its reason, URL and application ids.
+struct DecisionMatch {
+    DecisionMatch(std::string name_, std::string reason_ = "", std::string url_ = "",
+                  int org_id_ = -1, int app_id_ = -1)
+        : name(std::move(name_)), reason(std::move(reason_)), url(std::move(url_)),
+          org_id(org_id_), app_id(app_id_) {}
+    std::string name;
+    std::string reason;
+    std::string url;
+    int org_id;
+    int app_id;
+    bool matches(const Decision& d) const;
+};
+
+// Collects the library's decisions through the simulated platform. Tests
+// check decisions here, never in the log's wording.
+class DecisionCapture {
+public:
+    DecisionCapture();
+    ~DecisionCapture();
+    // Number of decisions matching so far.
+    int count(const DecisionMatch& match) const;
+    bool contains(const DecisionMatch& match) const { return count(match) > 0; }
+    // Waits (bounded) until at least `count` decisions match.
+    bool waitFor(const DecisionMatch& match, int timeout_ms, int count = 1) const;
+    std::vector<Decision> all() const;
+
+private:
+    static void hook(const hbbDecision* decision, void* user);
+    mutable std::mutex mutex_;
+    mutable std::condition_variable cv_;
+    std::vector<Decision> decisions_;
+};
+// Readable list of decisions, for failure messages.
+std::string describe(const std::vector<Decision>& decisions);
+
 // The middleware's start/stop callbacks as a receiver registers them: the
 // start callback answers with application_manager_cmd_start (which sends the
 // start URL to the browser). Counts are reset by install().
@@ -149,6 +200,7 @@ protected:
 
     TempDir dir_;
     LogCapture log_;
+    DecisionCapture decisions_;
     BrowserStandin browser_{dir_.path()};
     bool messaging_only_ = false;
 };

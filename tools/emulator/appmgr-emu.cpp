@@ -290,7 +290,7 @@ void printBanner(const PrivateRun& run, const BrowserSide& browser, bool builtin
     emit("  http         the loopback HTTP server answers libapp-mgr");
     emit("  Application, dtvPlugins, Callbacks, DSMCC ...");
     emit("               a message on a browser socket: -> from the browser, <- from libapp-mgr");
-    emit("  decision     what libapp-mgr decided (read from its log)");
+    emit("  decision     what libapp-mgr decided (its decision trace)");
     emit("  check        an expectation of the scenario was met");
 }
 

@@ -32,8 +32,9 @@ public:
 };
 
 // Delivers the library's decisions to a listener while it exists; one at a
-// time. Today they are read from the library's log lines (through the
-// simulator's log hook, which also prints the lines with --verbose).
+// time. They come from the library's decision trace (through the
+// simulator's decision hook); the watch also prints the library's log lines
+// with --verbose.
 class DecisionWatch {
 public:
     explicit DecisionWatch(DecisionListener& listener);

@@ -54,6 +54,15 @@ void hbb_sim_set_log_stderr(int enabled);
 typedef void (*hbb_sim_log_fn)(int level, const char* line, void* user);
 void hbb_sim_set_log_hook(hbb_sim_log_fn fn, void* user);
 
+/* ---- decision trace ------------------------------------------------------
+ * The simulator provides the optional hbbTraceDecision and forwards every
+ * decision to this hook (if set), on the deciding thread, with the record
+ * borrowed for the call. The hook must not block and must not call into
+ * the library; like the log hook it is not traced as a porting call and
+ * stays set across hbb_sim_reset. */
+typedef void (*hbb_sim_decision_fn)(const hbbDecision* decision, void* user);
+void hbb_sim_set_decision_hook(hbb_sim_decision_fn fn, void* user);
+
 /* ---- middleware notifications --------------------------------------------
  * Fire the callbacks the library registered through QUMAm_*; each returns 0
  * when a callback was registered and called, -1 otherwise. The callback runs

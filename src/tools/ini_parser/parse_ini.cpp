@@ -104,6 +104,102 @@ Store store_line(ini_dict* d, const char* line, char* section) {
     }
 }
 
+// Reads the logical lines of a file: physical lines joined where one ends
+// in '\', trailing blanks cut. Bytes are read one by one, so NUL bytes and a
+// last line without a newline are seen.
+class LogicalLines {
+public:
+    enum class Next { kLine, kEnd, kTooLong };
+
+    LogicalLines(FILE* in, const char* path) : in_(in), path_(path) {}
+
+    // The next logical line into line(); kTooLong (logged) when it does not
+    // fit the buffer.
+    Next next() {
+        if (at_eof_) return Next::kEnd;
+        len_ = 0;
+        has_nul_ = false;
+        bool continued = false;
+        for (;;) {
+            bool got = false;
+            if (!read_physical(&got)) return Next::kTooLong;
+            if (!got && !continued) return Next::kEnd;
+            while (len_ > 0 && isspace(static_cast<unsigned char>(line_[len_ - 1]))) --len_;
+            line_[len_] = '\0';
+            if (len_ > 0 && line_[len_ - 1] == '\\') {
+                line_[--len_] = '\0';
+                continued = true;
+                if (!at_eof_) continue;  // a '\' on the last line just ends it
+            }
+            return Next::kLine;
+        }
+    }
+
+    const char* line() const { return line_; }
+    int lineno() const { return lineno_; }
+    bool has_nul() const { return has_nul_; }
+
+private:
+    // Appends one physical line; *got tells whether it had any byte (its
+    // newline included). False when the logical line grows too long.
+    bool read_physical(bool* got) {
+        for (;;) {
+            const int c = getc(in_);
+            if (c == EOF) {
+                at_eof_ = true;
+                return true;
+            }
+            if (!*got) {
+                *got = true;
+                ++lineno_;
+            }
+            if (c == '\n') return true;
+            if (len_ >= kLineMax) {
+                AM_ERROR("PARSE_INI: input line too long in %s (%d)\n", path_, lineno_);
+                return false;
+            }
+            if (c == '\0') has_nul_ = true;
+            line_[len_++] = static_cast<char>(c);
+        }
+    }
+
+    FILE* in_;
+    const char* path_;
+    char line_[kLineMax + 1] = "";
+    size_t len_ = 0;
+    int lineno_ = 0;
+    bool has_nul_ = false;
+    bool at_eof_ = false;
+};
+
+// Stores every logical line of the file in the dictionary. False when the
+// file cannot be taken: a syntax error (every one is logged), a line too
+// long, no memory or a read error.
+bool load_lines(FILE* in, const char* path, ini_dict* d) {
+    LogicalLines lines(in, path);
+    char section[kLineMax + 1] = "";
+    int errs = 0;
+    for (;;) {
+        const LogicalLines::Next next = lines.next();
+        if (next == LogicalLines::Next::kTooLong) return false;
+        if (next == LogicalLines::Next::kEnd) break;
+        const Store st = lines.has_nul() ? Store::kSyntax : store_line(d, lines.line(), section);
+        if (st == Store::kSyntax) {
+            AM_ERROR("PARSE_INI: syntax error in %s\n", path);
+            AM_ERROR("(%d):-> %s\n", lines.lineno(), lines.line());
+            ++errs;
+        } else if (st == Store::kMemory) {
+            AM_ERROR("PARSE_INI: memory allocation failure\n");
+            return false;
+        }
+    }
+    if (ferror(in)) {
+        AM_ERROR("PARSE_INI: cannot open %s\n\n", path);
+        return false;
+    }
+    return errs == 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -155,69 +251,9 @@ ini_dict* parse_ini_load(const char* path) {
         fclose(in);
         return nullptr;
     }
-
-    char line[kLineMax + 1];
-    char section[kLineMax + 1] = "";
-    size_t len = 0;         // characters gathered for the current logical line
-    bool continued = false; // the previous physical line ended in '\'
-    bool has_nul = false;
-    bool at_eof = false;
-    bool failed = false;
-    int lineno = 0;
-    int errs = 0;
-
-    while (!at_eof && !failed) {
-        // One physical line, appended to what earlier continued lines left.
-        bool got = false;
-        for (;;) {
-            const int c = getc(in);
-            if (c == EOF) {
-                at_eof = true;
-                break;
-            }
-            if (!got) {
-                got = true;
-                ++lineno;
-            }
-            if (c == '\n') break;
-            if (len >= kLineMax) {
-                AM_ERROR("PARSE_INI: input line too long in %s (%d)\n", path, lineno);
-                failed = true;
-                break;
-            }
-            if (c == '\0') has_nul = true;
-            line[len++] = static_cast<char>(c);
-        }
-        if (failed || (!got && !continued)) break;
-
-        while (len > 0 && isspace(static_cast<unsigned char>(line[len - 1]))) --len;
-        line[len] = '\0';
-        if (len > 0 && line[len - 1] == '\\') {
-            line[--len] = '\0';
-            continued = true;
-            if (!at_eof) continue;  // a '\' on the last line just ends it
-        }
-        continued = false;
-
-        const Store st = has_nul ? Store::kSyntax : store_line(d, line, section);
-        if (st == Store::kSyntax) {
-            AM_ERROR("PARSE_INI: syntax error in %s\n", path);
-            AM_ERROR("(%d):-> %s\n", lineno, line);
-            ++errs;
-        } else if (st == Store::kMemory) {
-            AM_ERROR("PARSE_INI: memory allocation failure\n");
-            failed = true;
-        }
-        len = 0;
-        has_nul = false;
-    }
-
-    if (!failed && ferror(in)) {
-        AM_ERROR("PARSE_INI: cannot open %s\n\n", path);
-        failed = true;
-    }
+    const bool loaded = load_lines(in, path, d);
     fclose(in);
-    if (failed || errs > 0) {
+    if (!loaded) {
         ini_dict_del(d);
         return nullptr;
     }
