@@ -77,7 +77,7 @@ std::string CaptureInput::open(const CaptureSpec& spec) {
 }
 
 std::string CaptureInput::description() const {
-    return "capture " + spec_.source + " (" +
+    return "capture " + (spec_.source == "-" ? std::string("on standard input") : spec_.source) + " (" +
            (spec_.service >= 0 ? "service " + hex(spec_.service)
                                : "the first service whose PMT signals an HbbTV AIT") +
            ", " + (spec_.realtime ? "paced by its PCR" : "as fast as it is read") +
