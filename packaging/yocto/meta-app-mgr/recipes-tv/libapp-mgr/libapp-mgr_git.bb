@@ -31,10 +31,10 @@ EXTRA_OECMAKE = "-DBUILD_TESTING=OFF -DAPPMGR_WERROR=OFF"
 # On a receiver the middleware provides the porting functions, so by
 # default only the library and its development files are built. "tools"
 # adds the simulated platform and the PC tools (appmgr-emu, appmgr-ts,
-# appmgr-browser), for a developer image; appmgr-ts needs libdvbpsi
+# appmgr-browser), for a developer image; the tools need zlib and libdvbpsi
 # (meta-openembedded's meta-multimedia).
 PACKAGECONFIG ??= ""
-PACKAGECONFIG[tools] = "-DAPPMGR_BUILD_SIM=ON -DAPPMGR_BUILD_TOOLS=ON,-DAPPMGR_BUILD_SIM=OFF -DAPPMGR_BUILD_TOOLS=OFF,libdvbpsi"
+PACKAGECONFIG[tools] = "-DAPPMGR_BUILD_SIM=ON -DAPPMGR_BUILD_TOOLS=ON,-DAPPMGR_BUILD_SIM=OFF -DAPPMGR_BUILD_TOOLS=OFF,libdvbpsi zlib"
 
 # libapp-mgr.so.0 goes into ${PN}, headers, the .so link, the .pc and the
 # CMake package into ${PN}-dev (the default split); the tools into their own.
