@@ -108,7 +108,7 @@ source_admindir=/var/lib/dpkg
 # The packages ours depend on (any one of alternatives), as the source
 # database has them.
 for f in "${deb[@]}"; do field "$f" Depends | relations; done |
-  sed 's/ *(.*)//' | sort -u >"$work/depends.list"
+  sed 's/ *([^)]*)//g' | sort -u >"$work/depends.list"
 while IFS= read -r relation; do
   found=no
   for name in ${relation//|/ }; do
