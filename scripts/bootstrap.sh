@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need, when any of it is missing:
-# the Debian 12 packages, then the npm packages of the real browser
+# the Debian 12 packages (dpkg-dev, fakeroot and file make and check the
+# build's own Debian packages), then the npm packages of the real browser
 # (tools/web-browser) as pinned in its package-lock.json. Browsers come
 # from Debian's chromium package only; nothing downloads one.
 set -euo pipefail
@@ -8,6 +9,7 @@ cd "$(dirname "$0")/.."
 packages=(cmake ninja-build g++ pkg-config libcurl4-openssl-dev libxml2-dev
           libdvbpsi-dev zlib1g-dev
           libgtest-dev libgmock-dev binutils openssl
+          dpkg-dev fakeroot file
           chromium nodejs php-cli php-xml)
 sudo_cmd=()
 [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)

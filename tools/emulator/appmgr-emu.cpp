@@ -22,6 +22,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -30,6 +32,8 @@
 
 #include "browser_side.h"
 #include "builtin_scenario.h"
+#include "capture_input.h"
+#include "capture_scenario.h"
 #include "chromium_side.h"
 #include "emu_output.h"
 #include "hbb_sim.h"
@@ -56,6 +60,8 @@ struct Options {
     ChromiumOptions chromium;
     std::optional<std::string> testsuite;  // the test suite's pages
     std::vector<std::string> groups;
+    // --ts SOURCE [--service SID] [--speed max|1], as written.
+    std::optional<std::string> ts, service, speed;
 };
 
 // One option: its names, its argument (if it takes one), its help and what
@@ -92,11 +98,20 @@ const Option kOptions[] = {
      [](Options& o, const std::string& dir) { o.testsuite = dir; }},
     {nullptr, "--group", "NAME", "with --testsuite: run this group (again for more);\nwithout it every group runs",
      [](Options& o, const std::string& name) { o.groups.push_back(name); }},
+    {nullptr, "--ts", "FILE",
+     "play a transport-stream capture (a file, - or\nudp://127.0.0.1:PORT) as the broadcast; alone, around\na scenario of "
+     "its own, with --scenario as its [capture]",
+     [](Options& o, const std::string& source) { o.ts = source; }},
+    {nullptr, "--service", "SID", "with --ts: the service to play (default: the first\nwhose PMT signals an HbbTV AIT)",
+     [](Options& o, const std::string& sid) { o.service = sid; }},
+    {nullptr, "--speed", "max|1", "with --ts: as fast as it is read (max, the default)\nor paced by its PCR (1)",
+     [](Options& o, const std::string& speed) { o.speed = speed; }},
     {"-h", "--help", nullptr, "print this help", [](Options& o, const std::string&) { o.help = true; }},
 };
 
 const char* const kUsageHead =
-    "usage: appmgr-emu [--verbose] [--scenario FILE] [--browser chromium [--screenshot DIR] [--headed]]\n"
+    "usage: appmgr-emu [--verbose] [--scenario FILE] [--ts FILE [--service SID] [--speed max|1]]\n"
+    "                  [--browser chromium [--screenshot DIR] [--headed]]\n"
     "       appmgr-emu --browser chromium --testsuite PAGES_DIR [--group NAME]...\n"
     "       appmgr-emu --write-builtin DIR\n"
     "\n"
@@ -108,14 +123,16 @@ const char* const kUsageHead =
     "running application, and an application from an XML AIT over HTTP. A\n"
     "scenario file (INI; see docs/emulator.md) describes a service, its\n"
     "applications and AITs, and a timeline of deliveries, channel changes,\n"
-    "network changes, browser messages and checks.\n"
+    "network changes, browser messages and checks. With --ts a real broadcast\n"
+    "capture plays into the receiver: its AITs start their applications, its\n"
+    "carousels are served, its stream events fire, its guide is searchable.\n"
     "\n";
 
 const char* const kUsageTail =
     "\n"
     "Exit status: 0 scenario passed, 1 a step failed or timed out, or another\n"
-    "process holds the library's sockets or port, 2 usage error or a scenario\n"
-    "file that cannot be read.\n";
+    "process holds the library's sockets or port, 2 usage error, a scenario\n"
+    "file that cannot be read or a capture that cannot be opened.\n";
 
 // "  -v, --verbose        also print ...": names in a column of 21, help
 // lines beside them (under them when the names are longer).
@@ -199,6 +216,7 @@ std::optional<Scenario> load(const std::string& path) {
 std::vector<std::string> filesOf(const Scenario& s, const std::string& file) {
     std::vector<std::string> keep{file};
     for (const CarouselSpec& c : s.carousels) keep.push_back(c.path);
+    if (s.capture && s.capture->isFile()) keep.push_back(s.capture->path);
     if (s.http.root) keep.push_back(*s.http.root);
     return keep;
 }
@@ -219,8 +237,8 @@ bool optionsAgree(const Options& o) {
         problem = "--screenshot, --headed and --testsuite need --browser chromium";
     else if (!o.groups.empty() && !o.testsuite)
         problem = "--group needs --testsuite";
-    else if (o.testsuite && (o.scenario_file || o.write_builtin))
-        problem = "--testsuite runs its own scenario: no --scenario or --write-builtin with it";
+    else if (o.testsuite && (o.scenario_file || o.write_builtin || o.ts))
+        problem = "--testsuite runs its own scenario: no --scenario, --ts or --write-builtin with it";
     if (!problem) return true;
     std::fprintf(stderr, "appmgr-emu: %s\n", problem);
     usage(stderr);
@@ -256,18 +274,20 @@ std::string runDirectory(bool isolated) {
     return tmpl;
 }
 
-// Writes the built-in scenario's files and reads them back.
-std::optional<Scenario> loadBuiltin(bool isolated) {
+// A scenario the emulator writes itself (with the files it serves) into the
+// run's directory and reads back, going by `name` in the output.
+using WriteScenario = std::function<std::string(const std::string& dir, std::string* error)>;
+std::optional<Scenario> loadWritten(bool isolated, const WriteScenario& write, const char* name) {
     std::string error;
     const std::string dir = runDirectory(isolated);
     if (dir.empty()) return std::nullopt;
-    const std::string path = writeBuiltinScenario(dir, &error);
+    const std::string path = write(dir, &error);
     if (path.empty()) {
         std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
         return std::nullopt;
     }
     std::optional<Scenario> s = load(path);
-    if (s) s->path = kBuiltinScenarioName;
+    if (s) s->path = name;
     return s;
 }
 
@@ -306,18 +326,46 @@ std::optional<Scenario> loadTestsuite(const Options& o, const std::vector<std::s
         return std::nullopt;
     }
     ::close(probe);
-    const std::string dir = runDirectory(isolated);
-    if (dir.empty()) return std::nullopt;
-    const std::string path = writeTestsuiteScenario(dir, *o.testsuite, port, groups, &error);
-    if (path.empty()) {
-        std::fprintf(stderr, "appmgr-emu: %s\n", error.c_str());
-        return std::nullopt;
-    }
-    std::optional<Scenario> s = load(path);
+    const std::string& pages = *o.testsuite;
+    std::optional<Scenario> s = loadWritten(
+        isolated,
+        [&](const std::string& dir, std::string* why) { return writeTestsuiteScenario(dir, pages, port, groups, why); },
+        kTestsuiteScenarioName);
     if (!s) return std::nullopt;
-    s->path = kTestsuiteScenarioName;
     s->time_limit_s = static_cast<int>(groups.size()) * (s->testsuite->group_time_limit_s + 30) + 60;
     return s;
+}
+
+// ---- a capture -----------------------------------------------------------------------
+
+bool captureUsageError(const std::string& problem) {
+    std::fprintf(stderr, "appmgr-emu: %s\n", problem.c_str());
+    usage(stderr);
+    return false;
+}
+
+// The run's capture: the scenario's [capture], or --ts (with --service and
+// --speed) in its place; none without either. False after a usage error.
+bool captureOf(const Options& o, const std::optional<Scenario>& scenario, std::optional<CaptureSpec>* out) {
+    if ((o.service || o.speed) && !o.ts) return captureUsageError("--service and --speed go with --ts");
+    std::optional<CaptureSpec> c = scenario ? scenario->capture : std::nullopt;
+    if (o.ts) {
+        if (!c) c = CaptureSpec{};
+        c->source = *o.ts;
+        c->path = c->isFile() ? std::filesystem::absolute(*o.ts).string() : *o.ts;
+    }
+    if (o.service) {
+        std::optional<long> sid = number(*o.service, 0, 0xFFFF);
+        if (!sid) return captureUsageError("--service takes a service id from 0 to 0xffff, not '" + *o.service + "'");
+        c->service = static_cast<int>(*sid);
+    }
+    if (o.speed) {
+        std::optional<bool> realtime = captureSpeed(*o.speed);
+        if (!realtime) return captureUsageError("--speed takes " + std::string(kCaptureSpeedHelp));
+        c->realtime = *realtime;
+    }
+    *out = c;
+    return true;
 }
 
 // In the shared /tmp and network: refuses at once rather than meet another
@@ -350,7 +398,7 @@ void printBanner(const PrivateRun& run, const BrowserSide& browser, bool builtin
 }
 
 // Runs s; whatever blocks, the watchdog ends the run within its limit.
-void runWithWatchdog(const Scenario& s, BrowserSide& browser) {
+void runWithWatchdog(const Scenario& s, BrowserSide& browser, CaptureInput* capture) {
     const int limit_ms = s.time_limit_s * 1000;
     std::mutex mu;
     std::condition_variable cv;
@@ -360,7 +408,7 @@ void runWithWatchdog(const Scenario& s, BrowserSide& browser) {
         if (!cv.wait_for(g, std::chrono::milliseconds(limit_ms), [&] { return done; }))
             fail("the scenario did not finish within " + std::to_string(limit_ms / 1000) + " s");
     });
-    runScenario(s, browser);
+    runScenario(s, browser, capture);
     {
         std::lock_guard<std::mutex> g(mu);
         done = true;
@@ -377,10 +425,23 @@ int runEmulator(const Options& o) {
     if (!makeScreenshotDirectory(o)) return 2;
     std::vector<std::string> groups;
     if (o.testsuite && (groups = chosenGroups(o)).empty()) return 2;
+    std::optional<CaptureSpec> capture_spec;
+    if (!captureOf(o, scenario, &capture_spec)) return 2;
+    if (scenario && capture_spec) scenario->capture = capture_spec;
+    // Opened before the run moves into its own /tmp and network: a UDP
+    // stream is received on the machine's loopback, where its sender is.
+    CaptureInput capture;
+    if (capture_spec) {
+        const std::string why = capture.open(*capture_spec);
+        if (!why.empty()) {
+            std::fprintf(stderr, "appmgr-emu: %s\n", why.c_str());
+            return 2;
+        }
+    }
 
     // Still a single thread here, as the namespaces require.
-    std::vector<std::string> keep =
-        scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{};
+    std::vector<std::string> keep = scenario ? filesOf(*scenario, *o.scenario_file) : std::vector<std::string>{};
+    if (capture_spec && capture_spec->isFile()) keep.push_back(capture_spec->path);
     if (o.chromium.screenshots) keep.push_back(*o.chromium.screenshots);
     // A window needs the X server's socket and its authority file, which
     // live in the machine's /tmp (xvfb-run puts the file there).
@@ -397,8 +458,15 @@ int runEmulator(const Options& o) {
         // The steps alone, unless the whole trace is asked for.
         g_trace = g_verbose;
         scenario = loadTestsuite(o, groups, private_run.isolated);
+    } else if (!scenario && capture_spec) {
+        // The scenario around a capture given alone.
+        const CaptureSpec spec = *capture_spec;
+        scenario = loadWritten(
+            private_run.isolated,
+            [&spec](const std::string& dir, std::string* error) { return writeCaptureScenario(dir, spec, error); },
+            kCaptureScenarioName);
     } else if (!scenario) {
-        scenario = loadBuiltin(private_run.isolated);
+        scenario = loadWritten(private_run.isolated, writeBuiltinScenario, kBuiltinScenarioName);
     }
     if (!scenario) {
         removeRunFiles();
@@ -408,13 +476,14 @@ int runEmulator(const Options& o) {
         removeRunFiles();
         return 1;
     }
+    const bool builtin = !o.scenario_file && !capture_spec && !o.testsuite;
     std::unique_ptr<BrowserSide> browser = makeBrowserSide(o);
-    printBanner(private_run, *browser, !o.scenario_file && !o.testsuite);
+    printBanner(private_run, *browser, builtin);
     hbb_sim_set_trace(onPlatformCall, nullptr);
-    runWithWatchdog(*scenario, *browser);
+    runWithWatchdog(*scenario, *browser, capture_spec ? &capture : nullptr);
     hbb_sim_set_trace(nullptr, nullptr);
     removeRunFiles();
-    if (!o.scenario_file)
+    if (builtin)
         emit(
             "appmgr-emu: more in examples/*.ini (appmgr-emu --scenario examples/broadband.ini);\n"
             "            docs/emulator.md describes the output and the scenario files");

@@ -62,7 +62,7 @@ int libraryState();
 void setFailContext(const std::string& context);
 // A directory the run made for itself, removed however the run ends.
 void removeOnExit(const std::string& dir);
-// Removes that directory now (the normal end of a run).
+// Removes those directories now (the normal end of a run).
 void removeRunFiles();
 // Prints the failure and ends the process with status 1 at once: library
 // threads may still be blocked inside the library.

@@ -337,10 +337,9 @@ void checkPage(Run& run, const Step& st) {
     emit("check     page #" + id + " shows " + quoted(want));
 }
 
-}  // namespace
-
-const std::vector<ExpectKind>& expectKinds() {
-    static const std::vector<ExpectKind> kinds{
+// The checks of this file; the groups of other files join them below.
+std::vector<ExpectKind> baseExpectKinds() {
+    return {
         {{"running"}, "ORG.APP|none", parseRunning, checkRunning},
         {{"decision", "no_decision"}, "KIND [ORG.APP]", parseDecision, checkDecision},
         {{"no_frame"}, "ID", parseNoFrame, checkNoFrame},
@@ -356,6 +355,19 @@ const std::vector<ExpectKind>& expectKinds() {
         {{"key"}, "delivered|withheld", parseKey, checkKey},
         {{"page"}, "ID TEXT", parsePage, checkPage},
     };
+}
+
+}  // namespace
+
+const std::vector<ExpectKind>& expectKinds() {
+    static const std::vector<ExpectKind> kinds = [] {
+        std::vector<ExpectKind> all = baseExpectKinds();
+        for (auto group : {captureExpectKinds}) {
+            std::vector<ExpectKind> more = group();
+            all.insert(all.end(), more.begin(), more.end());
+        }
+        return all;
+    }();
     return kinds;
 }
 

@@ -8,6 +8,7 @@
 
 #include "broadcast_events.h"
 #include "browser_side.h"
+#include "capture_input.h"
 #include "decisions.h"
 #include "emu_output.h"
 #include "http_stub.h"
@@ -32,7 +33,8 @@ struct StepResults {
 
 class Run : public DecisionListener {
 public:
-    Run(const Scenario& s, BrowserSide& browser) : s_(s), browser_(browser) {}
+    Run(const Scenario& s, BrowserSide& browser, CaptureInput* capture)
+        : s_(s), browser_(browser), capture_(capture) {}
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
@@ -45,6 +47,8 @@ public:
     const std::string& httpHost() const { return http_host_; }
     std::string expand(const std::string& text) const { return expandPlaceholders(text, http_host_); }
     BrowserSide& browser() { return browser_; }
+    // The scenario's [capture], opened; nullptr without one.
+    CaptureInput* capture() { return capture_; }
     FrameLog& frames() { return frames_; }
     ClaimLog<Decision>& decisions() { return decisions_; }
     // Pages the library took as loaded, in order, each to be claimed once by
@@ -82,6 +86,7 @@ private:
 
     const Scenario& s_;
     BrowserSide& browser_;
+    CaptureInput* capture_;
     FrameLog frames_;
     ClaimLog<Decision> decisions_;
     ClaimLog<std::string> loaded_pages_;

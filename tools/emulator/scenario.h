@@ -179,6 +179,19 @@ struct TestsuiteSpec {
     int group_time_limit_s = 150;
 };
 
+// [capture]: a transport-stream capture that plays the broadcast into the
+// simulated receiver: its services become channels, the played service's
+// HbbTV AITs reach the library, its EIT fills the guide, its object
+// carousels are served and its stream events reach subscribed listeners.
+struct CaptureSpec {
+    std::string source;  // as written: a file, "-" (standard input) or "udp://127.0.0.1:PORT"
+    std::string path;    // a file resolved against the scenario's directory; else the source
+    int service = -1;    // the service played; -1: the first whose PMT signals an HbbTV AIT
+    bool realtime = false;  // speed 1: paced by its PCR; max: as fast as it is read
+    bool broadband = true;  // no: carousel transports are preferred to HTTP ones
+    bool isFile() const { return source != "-" && source.rfind("udp://", 0) != 0; }
+};
+
 struct Step {
     std::string key;   // "step3"
     long number = 0;   // 3
@@ -195,7 +208,9 @@ struct Scenario {
     std::string path;
     std::string title;
     int time_limit_s = kDefaultTimeLimitSeconds;
-    std::vector<ChannelSpec> channels;  // channels[0] is the service
+    // channels[0] is the service; without [service] (a [capture] brings the
+    // channels) there may be none.
+    std::vector<ChannelSpec> channels;
     std::vector<AppSpec> apps;          // in file order
     std::vector<AitSpec> aits;          // "main" and "empty" always among them
     TerminalSpec terminal;
@@ -206,6 +221,7 @@ struct Scenario {
     ReceiverSpec receiver;
     std::vector<StreamEventSpec> stream_events;  // in file order
     std::optional<TestsuiteSpec> testsuite;
+    std::optional<CaptureSpec> capture;
     std::vector<Step> timeline;           // by step number
 
     const ChannelSpec* channel(const std::string& name) const;

@@ -80,6 +80,10 @@ void Run::settle() {
 
 void Run::setUp() {
     setUpReceiver(s_);
+    if (s_.capture) {
+        if (!capture_ || !capture_->isOpen()) fail("the scenario's capture was not opened");
+        capture_->attach(decisions_);
+    }
     if (s_.http.enabled) startHttp();
     if (usesRemoteInput(s_)) startRemoteInput();
     if (s_.testsuite) startTestsuite();
@@ -183,7 +187,9 @@ void Run::runStep(const Step& st) {
 }
 
 void Run::close() {
+    // Nothing of the broadcast reaches the library while it closes.
     stream_events_.stop();
+    if (capture_) capture_->stop();
     callLibrary(
         "applicationManagerClose()", [] { return applicationManagerClose(); }, 1);
     if (!frames_.waitFor(Connection::Application, 160, nullptr, kWaitMs))
@@ -202,6 +208,14 @@ void Run::execute() {
          (g_verbose ? " (verbose)" : ""));
     setUp();
     startUp();
+    if (s_.capture && std::none_of(s_.timeline.begin(), s_.timeline.end(),
+                                   [](const Step& st) { return st.kind == "play_capture"; })) {
+        // A capture that no step plays is played before the timeline.
+        step("the capture plays");
+        setFailContext("playing the capture");
+        capture_->play();
+        settle();
+    }
     for (const Step& st : s_.timeline) runStep(st);
     if (!closed_) {
         step("end: close");
@@ -217,7 +231,7 @@ void Run::execute() {
          " decisions)");
 }
 
-void runScenario(const Scenario& s, BrowserSide& browser) {
+void runScenario(const Scenario& s, BrowserSide& browser, CaptureInput* capture) {
     // The HTTP responder is local: keep proxies of the environment out of
     // the library's probes.
     for (const char* var : {"no_proxy", "NO_PROXY"}) {
@@ -225,7 +239,7 @@ void runScenario(const Scenario& s, BrowserSide& browser) {
         std::string v = old && *old ? std::string(old) + ",127.0.0.1" : "127.0.0.1";
         setenv(var, v.c_str(), 1);
     }
-    Run run(s, browser);
+    Run run(s, browser, capture);
     g_run = &run;
     {
         DecisionWatch watch(run);

@@ -106,9 +106,17 @@ int aitType(const Reader& r, const std::string& section, const std::string& key,
     return static_cast<int>(*n);
 }
 
-// [service]: the first channel, and the defaults of every AIT.
-void readService(ScenarioBuilder& b, const std::vector<FoundSection>&) {
+// [service]: the first channel, and the defaults of every AIT. A scenario
+// whose [capture] brings the channels may leave it out.
+void readService(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
     const Reader& r = b.reader;
+    if (found.empty()) {
+        if (b.scenario.capture) return;
+        const bool empty = r.layout().sections.empty() && r.layout().keys.empty();
+        throw Failure{r.path() + (empty ? ": empty scenario (no [service] or [capture] section)"
+                                        : ": [service] section missing (the current channel; or a [capture] "
+                                          "whose services become the channels)")};
+    }
     std::vector<std::string> keys = kChannelKeys;
     for (const char* k : {"ait_type", "test", "version"}) keys.push_back(k);
     r.allowOnly("service", keys);
@@ -336,16 +344,40 @@ AitSpec serviceAit(const ScenarioBuilder& b, const std::string& name) {
 }
 
 // The file's tables, then "main" (every application) and "empty" unless the
-// file defines them.
+// file defines them; both are tables of the service, so a scenario without
+// [service] has neither.
 void readAits(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
     Scenario& s = b.scenario;
     for (const FoundSection& f : found) s.aits.push_back(readAit(b, f.section, f.name));
+    if (!s.channel("service")) return;
     if (!s.ait("main")) {
         AitSpec t = serviceAit(b, "main");
         for (const AppSpec& a : s.apps) t.apps.push_back({a.section, std::nullopt});
         s.aits.push_back(t);
     }
     if (!s.ait("empty")) s.aits.push_back(serviceAit(b, "empty"));
+}
+
+// ---- [capture] ---------------------------------------------------------------------------
+
+void readCapture(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
+    if (found.empty()) return;
+    const Reader& r = b.reader;
+    r.allowOnly("capture", {"file", "service", "speed", "broadband"});
+    CaptureSpec c;
+    std::optional<std::string> file = r.get("capture", "file");
+    if (!file || file->empty())
+        r.error("capture", "", "'file' is missing (a capture file, - for standard input or udp://127.0.0.1:PORT)");
+    c.source = *file;
+    c.path = c.isFile() ? existingFile(r, "capture", "file", *file) : *file;
+    if (std::optional<long> sid = r.integer("capture", "service", 0, 0xFFFF)) c.service = static_cast<int>(*sid);
+    if (std::optional<std::string> speed = r.get("capture", "speed")) {
+        std::optional<bool> realtime = captureSpeed(*speed);
+        if (!realtime) r.error("capture", "speed", "'" + *speed + "' is not " + kCaptureSpeedHelp);
+        c.realtime = *realtime;
+    }
+    c.broadband = r.flag("capture", "broadband").value_or(true);
+    b.scenario.capture = c;
 }
 
 // ---- [carousel.TAG], [programme.NAME], [component.NAME] ----------------------------------------
@@ -552,7 +584,8 @@ void readTimeline(ScenarioBuilder& b, const std::vector<FoundSection>&) {
 const std::vector<SectionKind>& sectionKinds() {
     static const std::vector<SectionKind> kinds{
         {"scenario", nullptr, false, readScenarioSection},
-        {"service", nullptr, true, readService},
+        {"capture", nullptr, false, readCapture},
+        {"service", nullptr, false, readService},
         {"terminal", nullptr, false, readTerminal},
         {"receiver", nullptr, false, readReceiver},
         {"http", nullptr, false, readHttp},

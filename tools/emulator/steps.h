@@ -78,7 +78,12 @@ std::vector<StepKind> middlewareSteps();
 std::vector<StepKind> pageSteps();
 // The public HbbTV test suite's groups (steps_testsuite.cpp).
 std::vector<StepKind> testsuiteSteps();
+// Playing a [capture] (steps_capture.cpp).
+std::vector<StepKind> captureSteps();
 // The timeline itself: waits, checks, comments, the end (steps_flow.cpp).
 std::vector<StepKind> flowSteps();
+
+// The checks of what a capture brought (steps_capture.cpp).
+std::vector<ExpectKind> captureExpectKinds();
 
 }  // namespace appmgr::emu
