@@ -90,7 +90,8 @@ else
   rmdir "$empty"
   [ ${#wanted[@]} -eq ${#closure[@]} ] ||
     { echo "build-arm32: apt names ${#wanted[@]} files for ${#closure[@]} armhf packages"; exit 1; }
-  if [ ! -f "$sysroot/.packages" ] || ! diff -q <(printf '%s\n' "${wanted[@]}") "$sysroot/.packages" >/dev/null; then
+  if [ ! -f "$sysroot/.packages" ] || [ ! -f "$sysroot/var/lib/dpkg/status" ] ||
+     ! diff -q <(printf '%s\n' "${wanted[@]}") "$sysroot/.packages" >/dev/null; then
     echo "build-arm32: making $sysroot from ${#wanted[@]} Debian armhf packages"
     need=()
     for f in "${wanted[@]}"; do [ -f "$debs/$f" ] || need+=("${f%%_*}:armhf"); done
@@ -108,14 +109,34 @@ else
       target=$(readlink "$link")
       ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$sysroot$target")" "$link"
     done < <(find "$sysroot" -type l -lname '/*')
+    # What a dpkg database would say about these packages, for the Debian
+    # packages of this build (packaging/debian.cmake): their control
+    # stanzas as installed (var/lib/dpkg/status), and in DEBIAN/ the symbols
+    # and shlibs files through which dpkg-shlibdeps turns a library the
+    # build links into a dependency on its package.
+    mkdir -p "$sysroot/DEBIAN" "$sysroot/var/lib/dpkg"
+    for f in "${wanted[@]}"; do
+      { dpkg-deb --field "$debs/$f"; printf 'Status: install ok installed\n\n'; } \
+        >>"$sysroot/var/lib/dpkg/status"
+      for member in symbols shlibs; do
+        dpkg-deb --info "$debs/$f" $member >>"$sysroot/DEBIAN/$member" 2>/dev/null || true
+      done
+    done
     printf '%s\n' "${wanted[@]}" >"$sysroot/.packages"
   fi
 fi
 
 # ---- 3. configure and build ----------------------------------------------------
+# Prefix /usr and Debian's multiarch library directory (usr/lib/$triplet)
+# for the build's Debian packages (cpack; README). GNUInstallDirs names
+# that directory itself in native builds only.
 cmake_args=(-S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAPPMGR_WERROR=ON
+            -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib/$triplet
             -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" -DAPPMGR_BUILD_BENCH=ON)
 [ -n "$sysroot" ] && cmake_args+=(-DAPPMGR_ARMHF_SYSROOT="$sysroot")
+if command -v ccache >/dev/null; then
+  cmake_args+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
 cmake "${cmake_args[@]}" >/dev/null
 cmake --build "$build" -j "$jobs"
 built=$SECONDS

@@ -12,7 +12,10 @@ scripts/bootstrap.sh
 jobs=$(nproc)
 # Warnings are errors here (an integrator's build may leave them warnings);
 # ccache speeds up rebuilds where it is installed.
-common=(-DAPPMGR_WERROR=ON)
+# Prefix /usr: the Debian packages the tests make get Debian's multiarch
+# library directory, as shipped (nothing installs into /usr: the tests
+# install into scratch directories).
+common=(-DAPPMGR_WERROR=ON -DCMAKE_INSTALL_PREFIX=/usr)
 if command -v ccache >/dev/null; then
   common+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi

@@ -3,6 +3,7 @@
 // name, or by component tag and event id as the broadcast carries them, and
 // the subscriptions' callbacks run on the notifier thread with copies of
 // every text and of the payload.
+#include <algorithm>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -24,6 +25,9 @@ struct Subscription {
 std::mutex subscriptions_mutex;
 std::vector<Subscription> subscriptions;
 int subscribe_result = 0;
+// Component tags that carry stream events, as a host set them; empty: the
+// current channel's components decide.
+std::vector<int> carried_tags;
 
 // Delivers an event to each subscription's callback on the notifier thread.
 int fire(const std::vector<Subscription>& targets, int status, const void* payload, int length) {
@@ -50,6 +54,7 @@ void reset_stream_events() {
     std::lock_guard<std::mutex> lock(subscriptions_mutex);
     subscriptions.clear();
     subscribe_result = 0;
+    carried_tags.clear();
 }
 
 }  // namespace hbbsim
@@ -90,13 +95,23 @@ int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL) {
 }
 
 // A component the current service does not carry cannot be filtered: the
-// subscription is refused, as a receiver refuses it.
+// subscription is refused, as a receiver refuses it. The tags a host set
+// decide when there are any; else the current channel's components and the
+// carousels served.
 int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* eventName,
                                   const char* targetURL, unsigned short eventId,
                                   tQUMAm_DSMCC_StreamEventCallback callback) {
     int result = -1;
-    const bool carried =
-        hbbsim::current_channel_carries(componentTag) || hbbsim::carousel_served(componentTag);
+    bool listed = false;
+    bool by_list = false;
+    {
+        std::lock_guard<std::mutex> lock(subscriptions_mutex);
+        by_list = !carried_tags.empty();
+        listed = std::find(carried_tags.begin(), carried_tags.end(), componentTag) != carried_tags.end();
+    }
+    const bool carried = by_list ? listed
+                                 : hbbsim::current_channel_carries(componentTag) ||
+                                       hbbsim::carousel_served(componentTag);
     if (eventName && targetURL && callback && carried) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
         result = subscribe_result;
@@ -138,6 +153,11 @@ int QUMA_StreamEventsWOCUnsubscribe(unsigned short componentTag, const char* eve
 void hbb_sim_set_stream_event_subscribe_result(int result) {
     std::lock_guard<std::mutex> lock(subscriptions_mutex);
     subscribe_result = result;
+}
+
+void hbb_sim_set_stream_event_tags(const int* tags, int count) {
+    std::lock_guard<std::mutex> lock(subscriptions_mutex);
+    carried_tags.assign(tags, tags + (tags && count > 0 ? count : 0));
 }
 
 int hbb_sim_stream_event_subscriptions(void) {

@@ -66,8 +66,10 @@ bool CapturePlayer::open(const PlayerOptions& options) {
 
 bool CapturePlayer::run() {
     uint8_t packet[kPacketSize];
+    uint64_t pcr = 0;
     while (reader_.next(packet)) {
         ++stats_.packets;
+        if (packet_pcr(packet, &pcr)) ++stats_.pcr_packets;
         pacer_.pace(packet);
         capture_.push(packet);
     }
@@ -84,6 +86,20 @@ bool CapturePlayer::run() {
         error_ = reader_.error();
         return false;
     }
+    return true;
+}
+
+bool CapturePlayer::replay() {
+    if (thread_.joinable()) {
+        error_ = "the capture is still playing";
+        return false;
+    }
+    if (!reader_.replay()) {
+        error_ = reader_.error();
+        return false;
+    }
+    error_.clear();
+    pacer_.reset();
     return true;
 }
 
@@ -187,6 +203,7 @@ void CapturePlayer::ait_version(const AitVersion& version) {
         log(5, "AIT version " + std::to_string(first.version) + " could not be built (out of memory)");
         return;
     }
+    if (delivering_fn_) delivering_fn_(*table, version.pid);
     if (hbb_sim_fire_ait(table.get()) == 0) {
         ++stats_.ait_delivered;
         log(2, "AIT version " + std::to_string(first.version) + " of " + table->dvb_url + " with " +

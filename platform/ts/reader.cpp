@@ -101,6 +101,24 @@ bool PacketReader::open(const std::string& source) {
     return true;
 }
 
+bool PacketReader::replay() {
+    if (fd_ < 0) {
+        error_ = "nothing to play again: the source is not open";
+        return false;
+    }
+    if (!udp_ && (!own_fd_ || ::lseek(fd_, 0, SEEK_SET) != 0)) {
+        error_ = own_fd_ ? std::string("cannot read the file again: ") + std::strerror(errno)
+                         : "standard input cannot be read again";
+        return false;
+    }
+    error_.clear();
+    eof_ = false;
+    stop_ = false;
+    buffer_.clear();
+    start_ = 0;
+    return true;
+}
+
 // Appends what the source has to the buffer; false at the end of the input
 // (end of file, UDP idle time-out, stop()) or on an error.
 bool PacketReader::fill() {
@@ -247,5 +265,11 @@ void Pacer::pace(const uint8_t packet[kPacketSize]) {
 }
 
 void Pacer::stop() { stopped_ = true; }
+
+void Pacer::reset() {
+    pcr_pid_ = -1;
+    have_base_ = false;
+    stopped_ = false;
+}
 
 }  // namespace ts

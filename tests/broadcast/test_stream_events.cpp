@@ -244,6 +244,14 @@ TEST_F(StreamEventTest, DescriptionListenersOverHttp) {
     EXPECT_EQ(ask(Connection::DtvPlugins, 46, {http.url("/missing.xml"), "x"}), "2|");
     EXPECT_TRUE(log_.contains("Parsed stream event: x 0 0"));
     EXPECT_EQ(hbb_sim_stream_event_subscribed(http.url("/missing.xml").c_str(), "x", nullptr, nullptr), 0);
+
+    // A middleware that carries stream events on tag 19 only refuses the
+    // description on tag 7: the page hears of it.
+    const int carried[] = {19};
+    hbb_sim_set_stream_event_tags(carried, 1);
+    EXPECT_EQ(ask(Connection::DtvPlugins, 46, {swapped, "other"}), "2|");
+    EXPECT_EQ(hbb_sim_stream_event_subscribed(swapped.c_str(), "other", nullptr, nullptr), 0);
+    EXPECT_EQ(ask(Connection::DtvPlugins, 46, {url, "testevent"}), "0|");
 }
 
 // After a page is loaded, a relative URL is read from the page's directory

@@ -70,6 +70,40 @@ TEST_F(CapturePlayback, AutostartApplicationOfARealCaptureStartsFromItsCarousel)
     channel_destroy(current);
 }
 
+// Played again, as a playout loops its file, the capture brings nothing the
+// receiver had already: the AIT version delivered before is not delivered
+// again. Standard input cannot be read again.
+TEST_F(CapturePlayback, PlayedAgainOnlyWhatChangedIsDelivered) {
+    serveCarousel(0x2A, {"RemoteControl/index.html"});
+    ts::CapturePlayer player;
+    ts::PlayerOptions options;
+    options.source = data_path("tsduck-test/test-108.ait-pids-only.ts");
+    options.service = 0xD49;
+    options.broadband = false;
+    int delivering = 0, delivered = 0;
+    player.on_ait_delivering([&](const AitTable& table, uint16_t pid) {
+        EXPECT_EQ(pid, 0x7D2);
+        EXPECT_STREQ(table.dvb_url, "dvb://13e.4800.d49");
+        EXPECT_EQ(delivered, delivering++);  // before the library has it
+    });
+    player.on_ait_delivered([&](const AitTable&) { ++delivered; });
+    play(player, options);
+    EXPECT_EQ(player.stats().ait_delivered, 1u);
+    EXPECT_EQ(nextFrame(Connection::Application).body, "59|no boundary|");
+
+    ASSERT_TRUE(player.replay()) << player.error();
+    ASSERT_TRUE(player.run()) << player.error();
+    EXPECT_EQ(player.stats().packets, 40u);
+    EXPECT_EQ(player.stats().ait_versions, 2u);
+    EXPECT_EQ(player.stats().ait_delivered, 1u);
+    EXPECT_EQ(delivered, 1);
+
+    ts::PacketReader input;
+    ASSERT_TRUE(input.open("-"));
+    EXPECT_FALSE(input.replay());
+    EXPECT_NE(input.error().find("standard input"), std::string::npos) << input.error();
+}
+
 TEST_F(CapturePlayback, BroadbandApplicationWaitsForTheNetworkWithItsSignalledUrl) {
     // The PMT names the AIT's PID, so the AIT is its program's.
     const std::string pmt = data_path("dvbts-hbbtv/pmt0.ts");

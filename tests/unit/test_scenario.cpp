@@ -135,6 +135,82 @@ TEST_F(ScenarioFile, MistakesThatWouldGoUnnoticedAreRefused) {
         {"unknown decision", t + "step1 = expect no_decision start\n",
          "no_decision expects a decision (autostart, no_autostart"},
         {"bad escape", t + "step1 = expect content a\\qb\n", "content: unknown escape at character 2"},
+        {"unknown key", t + "step1 = press purple\n", "press: expects one key"},
+        {"page check without text id", t + "step1 = expect page\n", "page expects the id of an element"},
+        // Stream events the broadcast would never carry as written.
+        {"event id without tag", kService + "[stream_event.e]\nevent_id = 1\npayloads = 41\n",
+         "[stream_event.e] tag: 'tag' and 'event_id' go together"},
+        {"payload not hexadecimal", kService + "[stream_event.e]\nurl = dvb://1.2.3.1/e\npayloads = 4, zz\n",
+         "'4' is not bytes in hexadecimal"},
+        {"stream event nowhere", kService + "[stream_event.e]\npayloads = 41\n", "give 'url', or 'tag'"},
+        {"test-suite group without pages", t + "step1 = testsuite_group keyset\n",
+         "testsuite_group: needs a [testsuite] section"},
+    };
+    for (const auto& c : cases) {
+        const std::string e = error(c.text);
+        EXPECT_NE(e.find(c.message), std::string::npos)
+            << c.what << ": got \"" << e << "\", expected it to contain \"" << c.message << "\"";
+    }
+}
+
+// A broadcast's stream events: names, listeners and payload bytes as written.
+TEST_F(ScenarioFile, StreamEventsReachTheModel) {
+    Scenario s = load(kService +
+                      "[stream_event.go]\nurl = dvb://1.2.3.1/events\ntag = 19\nevent_id = 2\n"
+                      "payloads = 48690a, CAFE00\ninterval = 250\n"
+                      "[stream_event.stop]\nname = halt\nurl = dvb://1.2.3.1/events\npayloads = 00\n");
+    ASSERT_EQ(s.stream_events.size(), 2u);
+    const StreamEventSpec& go = s.stream_events[0];
+    EXPECT_EQ(go.name, "go");
+    EXPECT_EQ(go.tag, 19);
+    EXPECT_EQ(go.event_id, 2);
+    EXPECT_EQ(go.payloads, (std::vector<std::string>{"Hi\n", std::string("\xca\xfe\0", 3)}));
+    EXPECT_EQ(go.interval_ms, 250);
+    EXPECT_EQ(s.stream_events[1].name, "halt");
+    EXPECT_FALSE(s.stream_events[1].tag);
+    EXPECT_EQ(s.stream_events[1].interval_ms, 1000);
+}
+
+// A capture brings the channels: [service] may go, and then so do the
+// tables of the service; checks and plays of a capture need a [capture].
+TEST_F(ScenarioFile, CaptureSection) {
+    write("", "caps/x.ts");
+    Scenario s = load("[capture]\nfile = caps/x.ts\nservice = 0xd49\nspeed = 1\nbroadband = no\n"
+                      "[timeline]\nstep1 = play_capture start\nstep2 = expect capture eit_fed >= 3\n"
+                      "step3 = expect capture answered\n");
+    ASSERT_TRUE(s.capture.has_value());
+    EXPECT_EQ(s.capture->path, dir_ + "/caps/x.ts");  // relative to the file
+    EXPECT_EQ(s.capture->service, 0xd49);
+    EXPECT_TRUE(s.capture->realtime);
+    EXPECT_FALSE(s.capture->broadband);
+    EXPECT_TRUE(s.channels.empty());
+    EXPECT_EQ(s.ait("main"), nullptr);
+    EXPECT_EQ(s.timeline[0].args, std::vector<std::string>{"start"});
+    EXPECT_EQ(s.timeline[1].args, (std::vector<std::string>{"capture", "eit_fed", ">=", "3"}));
+    // Standard input and UDP are no files to look for.
+    EXPECT_EQ(load("[capture]\nfile = udp://127.0.0.1:1234\n").capture->path, "udp://127.0.0.1:1234");
+    EXPECT_TRUE(load("[capture]\nfile = -\n" + kService).capture->isFile() == false);
+
+    const struct {
+        const char* what;
+        std::string text;
+        std::string message;
+    } cases[] = {
+        {"no channels at all", "[timeline]\nstep1 = close\n", "[service] section missing"},
+        {"empty file", "", "empty scenario (no [service] or [capture] section)"},
+        {"capture without a file", "[capture]\nservice = 1\n", "[capture]: 'file' is missing"},
+        {"capture file absent", "[capture]\nfile = none.ts\n", "[capture] file: 'none.ts'"},
+        {"speed", "[capture]\nfile = caps/x.ts\nspeed = 2\n", "'2' is not max (as fast as it is read) or 1"},
+        {"play without a capture", kService + "[timeline]\nstep1 = play_capture\n",
+         "play_capture: needs a [capture] section"},
+        {"play how", "[capture]\nfile = -\n[timeline]\nstep1 = play_capture loop\n",
+         "expects nothing (play to the end), start, wait or stop"},
+        {"unknown count", "[capture]\nfile = -\n[timeline]\nstep1 = expect capture aits 1\n",
+         "capture expects answered, or a count"},
+        {"count without a number", "[capture]\nfile = -\n[timeline]\nstep1 = expect capture eit_fed >=\n",
+         "capture expects answered, or a count"},
+        {"the service's table without a service", "[capture]\nfile = -\n[timeline]\nstep1 = deliver_ait main\n",
+         "no AIT named 'main'"},
     };
     for (const auto& c : cases) {
         const std::string e = error(c.text);

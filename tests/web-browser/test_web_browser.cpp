@@ -11,13 +11,17 @@
 #include "ait_builder.h"
 #include "app_mgr.h"
 #include "app_mgr_broadcast.h"
-#include "browser_process.h"
 #include "common/seams.h"
 #include "hbb_sim.h"
+#include "node_program.h"
 #include "test_support.h"
 
 namespace appmgr::test {
 namespace {
+
+using webbrowser::browserScript;
+using webbrowser::NodeProgram;
+using webbrowser::testsuiteScript;
 
 constexpr int kTag = 1;
 const std::string kIndex = "dvb://1.2.3.1/index.html";
@@ -67,7 +71,7 @@ protected:
     // The first applicationManagerInit waits for the browser's report.
     void startBrowser() {
         auto init = std::async(std::launch::async, [] { return applicationManagerInit(); });
-        browser = BrowserProcess::browser(dir_.path());
+        browser = std::make_unique<NodeProgram>(browserScript(), std::vector<std::string>{"--socket-dir", dir_.path()});
         ASSERT_TRUE(browser->started());
         ASSERT_EQ(init.wait_for(std::chrono::seconds(40)), std::future_status::ready) << browser->transcript();
         ASSERT_EQ(init.get(), 1);
@@ -93,7 +97,7 @@ protected:
         ASSERT_EQ(browser->eval("document.getElementById('status').textContent"), "\"ready\"");
     }
 
-    std::unique_ptr<BrowserProcess> browser;
+    std::unique_ptr<NodeProgram> browser;
 };
 
 // Waits (bounded) until the library's record shows what the browser has
@@ -147,9 +151,13 @@ TEST_F(WebBrowserTest, AutostartApplicationRunsWithItsKeySet) {
     // The delivered key activated the application: 0x111 in full.
     ASSERT_TRUE(browser->waitEvent("keyset 0x111")) << browser->transcript();
     EXPECT_EQ(registered_keyset(0x111), 0x111);
+    browser->eval("window.presses = []; document.addEventListener('keypress', function (e) {"
+                  " presses.push(e.keyCode); }), 1");
     EXPECT_EQ(browser->command("key 5"), std::optional<std::string>("VK_5 delivered"));
     EXPECT_EQ(browser->command("key LEFT"), std::optional<std::string>("VK_LEFT delivered"));
     EXPECT_EQ(browser->eval("keys.join(',')"), "\"403,53,37\"");
+    // Every key is followed by a keypress, as on a receiver.
+    EXPECT_EQ(browser->eval("presses.join(',')"), "\"53,37\"");
     EXPECT_EQ(browser->eval("owner().privateData.keyset.value"), "273");
 }
 
@@ -177,6 +185,37 @@ TEST_F(WebBrowserTest, CreateAndDestroyApplicationGoThroughTheLibrary) {
     // A relative URL is resolved against the page's carousel URL.
     browser->eval("setTimeout(function () { owner().createApplication('second.html', false); }, 0)");
     ASSERT_TRUE(browser->waitEvent("loaded " + kSecond)) << browser->transcript();
+}
+
+// A page that starts another application and then destroys itself (the
+// public test suite's way) leaves the new one running: the new application
+// replaced it, and its Application object stands for itself alone.
+TEST_F(WebBrowserTest, DestroyAfterCreateEndsOnlyTheCaller) {
+    deliver({app(1, kIndex, AUTOSTART), app(2, kSecond, PRESENT)});
+    expectReady(kIndex);
+    EXPECT_TRUE(eventually([] { return running_app_id() == 1; }));
+    browser->eval("setTimeout(function () { var a = owner();"
+                  " if (a.createApplication('dvb://current.ait/10.2', false)) a.destroyApplication(); }, 0)");
+    // The destroy request was answered before the call returned, and the
+    // page loads after that.
+    ASSERT_TRUE(browser->waitEvent("loaded " + kSecond)) << browser->transcript();
+    EXPECT_TRUE(eventually([] { return running_app_id() == 2; }));
+    EXPECT_EQ(browser->eval("document.title"), "\"second\"");
+    EXPECT_FALSE(browser->sawEvent("destroyed")) << browser->transcript();
+}
+
+// setChannel(null) makes the application broadcast-independent through the
+// library; its broadcast object then refuses to present the broadcast.
+TEST_F(WebBrowserTest, LettingTheBroadcastGoMakesThePageBroadcastIndependent) {
+    deliver({app(1, kIndex, AUTOSTART)});
+    expectReady(kIndex);
+    EXPECT_EQ(browser->eval("document.getElementById('video').programmes.length"), "0");
+    browser->eval("document.getElementById('video').setChannel(null)");
+    EXPECT_TRUE(eventually([] { return locked([] { return appmgr::state::running_type(); }) == 1; }));
+    EXPECT_EQ(hbb_sim_broadcast_presenting(), 0);
+    EXPECT_EQ(browser->eval("(function () { try { document.getElementById('video').bindToCurrentChannel();"
+                            " return 'bound'; } catch (e) { return e.name; } })()"),
+              "\"SecurityError\"");
 }
 
 // A channel change ends the service-bound application in the browser.
@@ -281,7 +320,7 @@ TEST_F(WebBrowserTest, MisbehavingPageDoesNotWedgeTheBrowser) {
 // AUTOSTART application of a broadcast AIT, the automation cookie is set,
 // and every step the page reports comes back as a step line.
 TEST_F(WebBrowserTest, TestSuiteGroupRunsAndReports) {
-    BrowserProcess suite(APPMGR_TESTSUITE_SCRIPT, {"--pages", APPMGR_TESTSUITE_PAGES, "--group", "capabilities"});
+    NodeProgram suite(testsuiteScript(), {"--pages", APPMGR_TESTSUITE_PAGES, "--group", "capabilities"});
     const auto cookie = suite.waitLine("cookie ");
     const auto index = suite.waitLine("index ");
     const auto group = suite.waitLine("group capabilities ");

@@ -17,13 +17,18 @@ namespace {
 std::mutex g_out_mu;
 std::mutex g_context_mu;
 std::string g_fail_context;
-std::string g_run_files;  // guarded by g_context_mu
+std::vector<std::string> g_run_files;  // guarded by g_context_mu
 
 }  // namespace
 
 bool g_verbose = false;
+bool g_trace = true;
 
 void emit(const std::string& line) {
+    if (g_trace) report(line);
+}
+
+void report(const std::string& line) {
     std::lock_guard<std::mutex> g(g_out_mu);
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fputc('\n', stdout);
@@ -56,6 +61,50 @@ std::string fieldList(const std::vector<std::string>& fields,
     return out;
 }
 
+int messageId(std::string_view raw) {
+    const std::string_view id_text = raw.substr(0, raw.find('|'));
+    if (id_text.empty() || id_text.size() >= 7 || raw.find('|') == std::string_view::npos ||
+        id_text.find_first_not_of("0123456789") != std::string_view::npos)
+        return -1;
+    return std::stoi(std::string(id_text));
+}
+
+void emitFrame(Connection c, const Frame& f) {
+    emit(col(c) + "<- " + idAndName(f.id, commandName(f.id)) + fieldList(f.fields, f.trailing));
+    if (g_verbose) emit(col(c) + "   raw " + quoted(f.raw));
+}
+
+void emitSent(Connection c, const std::string& raw) {
+    const std::size_t bar = raw.find('|');
+    const int id = messageId(raw);
+    std::optional<std::string> trailing;
+    std::vector<std::string> fields =
+        bar == std::string::npos ? std::vector<std::string>{} : splitFields(raw.substr(bar + 1), &trailing);
+    emit(trimRight(col(c) + "-> " + (id >= 0 ? idAndName(id, requestName(c, id)) : std::string("raw ")) +
+                   (id >= 0 ? fieldList(fields, trailing) : quoted(raw))));
+}
+
+void emitReply(Connection c, int id, const std::string& reply) {
+    std::optional<std::string> rest;
+    if (c == Connection::Dsmcc && id >= 131 && id <= 133) {
+        // "kind|0|length|" and the payload.
+        std::size_t end = 0;
+        for (int bars = 0; bars < 3 && end != std::string::npos; ++bars) {
+            end = reply.find('|', end);
+            if (end != std::string::npos) ++end;
+        }
+        if (end != std::string::npos) {
+            emit(col(c) + "<- reply " + fieldList(splitFields(reply.substr(0, end))) + " + " +
+                 std::to_string(reply.size() - end) + " bytes");
+            return;
+        }
+    }
+    std::vector<std::string> fields = splitFields(reply, &rest);
+    emit(col(c) + "<- reply " + fieldList(fields, rest));
+    const Decoded decoded = decodeReply(c, id, reply);
+    if (decoded.fields.size() > 1) emit(col(c) + "   = " + standin::describe(decoded));
+}
+
 const char* stateName(int s) {
     switch (s) {
         case APP_MANAGER_DEINITIALIZED: return "APP_MANAGER_DEINITIALIZED";
@@ -75,19 +124,19 @@ void setFailContext(const std::string& context) {
 
 void removeOnExit(const std::string& dir) {
     std::lock_guard<std::mutex> g(g_context_mu);
-    g_run_files = dir;
+    g_run_files.push_back(dir);
 }
 
 void removeRunFiles() {
-    std::string dir;
+    std::vector<std::string> dirs;
     {
         std::lock_guard<std::mutex> g(g_context_mu);
-        dir.swap(g_run_files);
+        dirs.swap(g_run_files);
     }
-    if (dir.empty()) return;
-    ::nftw(
-        dir.c_str(), [](const char* path, const struct stat*, int, FTW*) { return ::remove(path); }, 16,
-        FTW_DEPTH | FTW_PHYS);
+    for (const std::string& dir : dirs)
+        ::nftw(
+            dir.c_str(), [](const char* path, const struct stat*, int, FTW*) { return ::remove(path); }, 16,
+            FTW_DEPTH | FTW_PHYS);
 }
 
 void fail(const std::string& why) {
@@ -96,8 +145,8 @@ void fail(const std::string& why) {
         std::lock_guard<std::mutex> g(g_context_mu);
         context = g_fail_context;
     }
-    emit("appmgr-emu: FAILED: " + (context.empty() ? "" : context + ": ") + why);
-    if (!g_verbose) emit("appmgr-emu: run with --verbose to see the library's log");
+    report("appmgr-emu: FAILED: " + (context.empty() ? "" : context + ": ") + why);
+    if (!g_verbose) report("appmgr-emu: run with --verbose to see the library's log");
     removeRunFiles();
     std::_Exit(1);
 }

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "browser_standin.h"
@@ -22,9 +23,15 @@ using standin::Frame;
 
 // --verbose: library log lines and raw frames are printed too.
 extern bool g_verbose;
+// The trace (every call, message and decision) is printed; off, only what
+// report() writes is (a test-suite run prints its steps alone).
+extern bool g_trace;
 
-// Writes one line to stdout, whole (lines come from several threads).
+// Writes one line of the trace to stdout, whole (lines come from several
+// threads).
 void emit(const std::string& line);
+// Writes one line to stdout whether or not the trace is printed.
+void report(const std::string& line);
 
 std::string padded(const std::string& s, std::size_t width);
 // Connection column: "Application   ".
@@ -36,6 +43,16 @@ std::string quoted(const std::string& s);
 std::string fieldList(const std::vector<std::string>& fields,
                       const std::optional<std::string>& trailing = std::nullopt);
 
+// The trace lines of messages on the browser sockets: a frame of the
+// library ("<- 50 ..."), a message of the browser ("-> 82 ..."), the
+// library's reply to request id (records shown field by field as well;
+// carousel content as its header and size).
+void emitFrame(Connection c, const Frame& f);
+void emitSent(Connection c, const std::string& raw);
+void emitReply(Connection c, int id, const std::string& reply);
+// The id a browser message starts with ("82|..."), or -1.
+int messageId(std::string_view raw);
+
 const char* stateName(int s);
 // The library writes its state from its own threads; read it atomically.
 int libraryState();
@@ -45,7 +62,7 @@ int libraryState();
 void setFailContext(const std::string& context);
 // A directory the run made for itself, removed however the run ends.
 void removeOnExit(const std::string& dir);
-// Removes that directory now (the normal end of a run).
+// Removes those directories now (the normal end of a run).
 void removeRunFiles();
 // Prints the failure and ends the process with status 1 at once: library
 // threads may still be blocked inside the library.

@@ -289,10 +289,57 @@ void checkListening(Run& run, const Step& st) {
               : ""));
 }
 
-}  // namespace
+// ---- key delivered|withheld -------------------------------------------------------------------
 
-const std::vector<ExpectKind>& expectKinds() {
-    static const std::vector<ExpectKind> kinds{
+std::string parseKey(Step& st, const std::string& what, const std::string& rest) {
+    std::vector<std::string> w = words(rest);
+    if (w.size() != 1 || (w[0] != "delivered" && w[0] != "withheld")) return what + " expects delivered or withheld";
+    st.args.push_back(w[0]);
+    return "";
+}
+
+void checkKey(Run& run, const Step& st) {
+    const std::string& want = st.args.at(1);
+    const std::optional<std::string>& got = run.last().key;
+    if (!got) fail("no key was pressed before this check");
+    if (*got != want) fail("the key was " + *got + ", expected " + want);
+    emit("check     key " + want);
+}
+
+// ---- page ID TEXT ----------------------------------------------------------------------------
+
+std::string parsePage(Step& st, const std::string& what, const std::string& rest) {
+    std::string r = trim(rest);
+    const std::string id = takeWord(r);
+    if (id.empty()) return what + " expects the id of an element of the page and the text it shows";
+    st.args.push_back(id);
+    st.tail = trim(r);
+    return "";
+}
+
+// The page changes what it shows as it runs: the text is read until it
+// matches, within a bound. Without a page (the stand-in) nothing is checked,
+// and the line says so.
+void checkPage(Run& run, const Step& st) {
+    const std::string& id = st.args.at(1);
+    const std::string want = run.expand(st.tail.value_or(""));
+    if (!run.browser().hasPage()) {
+        emit("check     page #" + id + ": not checked, no page with the browser stand-in");
+        return;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPageWaitMs);
+    std::optional<std::string> got;
+    std::string error;
+    while ((got = run.browser().pageText(id, &error)) != want && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    if (!got) fail("page #" + id + ": " + error);
+    if (*got != want) fail("page #" + id + " shows " + quoted(*got) + ", expected " + quoted(want));
+    emit("check     page #" + id + " shows " + quoted(want));
+}
+
+// The checks of this file; the groups of other files join them below.
+std::vector<ExpectKind> baseExpectKinds() {
+    return {
         {{"running"}, "ORG.APP|none", parseRunning, checkRunning},
         {{"decision", "no_decision"}, "KIND [ORG.APP]", parseDecision, checkDecision},
         {{"no_frame"}, "ID", parseNoFrame, checkNoFrame},
@@ -305,7 +352,22 @@ const std::vector<ExpectKind>& expectKinds() {
         {{"loaded"}, "URL", parseLoaded, checkLoaded},
         {{"portal"}, "on|off", parsePortal, checkPortal},
         {{"listening", "not_listening"}, "URL NAME", parseListening, checkListening},
+        {{"key"}, "delivered|withheld", parseKey, checkKey},
+        {{"page"}, "ID TEXT", parsePage, checkPage},
     };
+}
+
+}  // namespace
+
+const std::vector<ExpectKind>& expectKinds() {
+    static const std::vector<ExpectKind> kinds = [] {
+        std::vector<ExpectKind> all = baseExpectKinds();
+        for (auto group : {captureExpectKinds}) {
+            std::vector<ExpectKind> more = group();
+            all.insert(all.end(), more.begin(), more.end());
+        }
+        return all;
+    }();
     return kinds;
 }
 

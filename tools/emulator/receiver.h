@@ -23,6 +23,9 @@ struct ChannelRecord {
 std::string describeChannel(const ChannelSpec& c);
 // "0x1f".
 std::string hex(int v);
+// One entry of an AIT the middleware delivers, under its aitUpdate line:
+// "          [0] 0x70.1 AUTOSTART priority 1, dvb, version 1.1.1: dvb://1.2.3.1/index.html".
+std::string describeEntry(int index, const Application& a);
 
 // Puts everything the scenario says about the receiver into the simulator,
 // printing a "receiver" line for each. Fails the run when the simulator

@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "app_mgr.h"
 #include "app_mgr_broadcast.h"
@@ -11,16 +12,19 @@ namespace appmgr::emu {
 
 namespace {
 
+// The scenario's channels come first: a capture's are added after them as it
+// plays, so the positions of the scenario's stay those of its list.
 void addChannels(const Scenario& s) {
     for (std::size_t i = 0; i < s.channels.size(); ++i) {
         ChannelRecord rec(s.channels[i], static_cast<int>(i));
         if (hbb_sim_add_channel(&rec.rec) < 0) fail("the simulator refused channel " + s.channels[i].name);
     }
-    hbb_sim_set_current_channel(0);
+    const bool tuned = s.channel("service") != nullptr;
+    if (tuned) hbb_sim_set_current_channel(0);
     std::string list;
     for (const ChannelSpec& c : s.channels)
         list += (list.empty() ? "" : ", ") + c.name + " " + describeChannel(c);
-    emit("receiver  channels: " + list + "; current: service");
+    if (!list.empty()) emit("receiver  channels: " + list + (tuned ? "; current: service" : ""));
     if (s.terminal.parental_threshold) {
         hbb_sim_set_parental_threshold(*s.terminal.parental_threshold);
         emit("receiver  parental rating threshold " + std::to_string(*s.terminal.parental_threshold));
@@ -162,6 +166,29 @@ std::string hex(int v) {
     char text[16];
     std::snprintf(text, sizeof(text), "0x%x", static_cast<unsigned>(v));
     return text;
+}
+
+std::string describeEntry(int index, const Application& a) {
+    const char* control = controlCodeName(a.control_code);
+    const transport_protocol_descriptor* tp = a.transport_protocol;
+    const int protocol = tp ? tp->protocol_id : 0;
+    const std::string transport = protocol == kTransportHttp       ? "http"
+                                  : protocol == kTransportCarousel ? "dvb"
+                                                                   : "protocol " + std::to_string(protocol);
+    const int version[3] = {a.version_major, a.version_minor, a.version_micro};
+    std::string extra;
+    if (!a.is_service_bound) extra += ", unbound";
+    if (a.is_IP_connect_require) extra += ", needs IP";
+    for (int r = 0; r < a.app_parental.count && a.app_parental.parental; ++r) {
+        // A captured table's country code need not end in a zero byte.
+        const parental_rating& p = a.app_parental.parental[r];
+        extra += ", " + std::string(p.country, strnlen(p.country, sizeof p.country)) + ":" + std::to_string(p.rating);
+    }
+    if (a.app_profile != 0) extra += ", profile " + std::to_string(a.app_profile);
+    return "          [" + std::to_string(index) + "] " + formatAppIds(a.organisation_id, a.app_id) + " " +
+           (control ? control : "control " + std::to_string(a.control_code)) + " priority " +
+           std::to_string(a.app_priority) + ", " + transport + ", version " + formatVersion(version) + extra +
+           ": " + (tp && tp->url ? tp->url : "(no URL)");
 }
 
 std::string describeChannel(const ChannelSpec& c) {

@@ -6,17 +6,21 @@
 #include <optional>
 #include <string>
 
+#include "broadcast_events.h"
 #include "browser_side.h"
+#include "capture_input.h"
 #include "decisions.h"
 #include "emu_output.h"
 #include "http_stub.h"
 #include "remote_input.h"
 #include "scenario.h"
+#include "testsuite_server.h"
 
 namespace appmgr::emu {
 
 constexpr int kWaitMs = 2000;   // expected frames, decisions and replies
 constexpr int kSettleMs = 300;  // before checking that something did not happen
+constexpr int kPageWaitMs = 15000;  // a real page to load, or to show what a check expects
 
 // What steps leave for the checks after them.
 struct StepResults {
@@ -24,11 +28,13 @@ struct StepResults {
     std::optional<std::string> content;  // payload of the last carousel content reply
     std::optional<int> result;           // of the last portal/teletext/launch/keyset/key step
     std::optional<std::string> remote;   // bytes the remote-input service got in the last key step
+    std::optional<std::string> key;      // "delivered" or "withheld": the last press step
 };
 
 class Run : public DecisionListener {
 public:
-    Run(const Scenario& s, BrowserSide& browser) : s_(s), browser_(browser) {}
+    Run(const Scenario& s, BrowserSide& browser, CaptureInput* capture)
+        : s_(s), browser_(browser), capture_(capture) {}
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
@@ -41,6 +47,8 @@ public:
     const std::string& httpHost() const { return http_host_; }
     std::string expand(const std::string& text) const { return expandPlaceholders(text, http_host_); }
     BrowserSide& browser() { return browser_; }
+    // The scenario's [capture], opened; nullptr without one.
+    CaptureInput* capture() { return capture_; }
     FrameLog& frames() { return frames_; }
     ClaimLog<Decision>& decisions() { return decisions_; }
     // Pages the library took as loaded, in order, each to be claimed once by
@@ -49,6 +57,8 @@ public:
     // a check after the next report, could not be told apart there.
     ClaimLog<std::string>& loadedPages() { return loaded_pages_; }
     RemoteInputListener& remoteInput() { return remote_; }
+    // The test suite's server of a [testsuite] scenario; nullptr otherwise.
+    TestsuiteServer* testsuite() { return testsuite_.get(); }
     StepResults& last() { return last_; }
 
     // Shows the result of a call a step made and keeps it for "expect result".
@@ -68,6 +78,7 @@ private:
     void setUp();
     void startHttp();
     void startRemoteInput();
+    void startTestsuite();
     void startUp();
     void configureTerminal();
     void runStep(const Step& st);
@@ -75,12 +86,15 @@ private:
 
     const Scenario& s_;
     BrowserSide& browser_;
+    CaptureInput* capture_;
     FrameLog frames_;
     ClaimLog<Decision> decisions_;
     ClaimLog<std::string> loaded_pages_;
     HttpStub http_;
     std::string http_host_ = "127.0.0.1";
     RemoteInputListener remote_;
+    StreamEventBroadcast stream_events_;
+    std::unique_ptr<TestsuiteServer> testsuite_;
     StepResults last_;
     bool closed_ = false;
 };

@@ -156,6 +156,42 @@ struct ReceiverSpec {
     std::optional<std::string> audio_language, subtitle_language, ui_language, country, device_id;
 };
 
+// [stream_event.NAME]: a stream event the broadcast carries. While the run
+// lasts the receiver fires it at whatever listens, with each payload in
+// turn, one every interval (a carousel's stream-event object repeats its
+// events the same way).
+struct StreamEventSpec {
+    std::string section;             // NAME
+    std::string name;                // the event's name (NAME by default)
+    std::optional<std::string> url;  // listeners by the object's dvb: URL
+    // Listeners by component tag and event id (from a stream-event XML).
+    std::optional<int> tag;
+    std::optional<int> event_id;
+    std::vector<std::string> payloads;  // bytes, at least one
+    int interval_ms = 1000;
+};
+
+// [testsuite]: the public HbbTV test suite's pages, served by PHP for the
+// "testsuite_group" steps (docs/testsuite.md).
+struct TestsuiteSpec {
+    std::string pages;  // resolved
+    int port = 0;       // where PHP serves the copy (0: a free port)
+    int group_time_limit_s = 150;
+};
+
+// [capture]: a transport-stream capture that plays the broadcast into the
+// simulated receiver: its services become channels, the played service's
+// HbbTV AITs reach the library, its EIT fills the guide, its object
+// carousels are served and its stream events reach subscribed listeners.
+struct CaptureSpec {
+    std::string source;  // as written: a file, "-" (standard input) or "udp://127.0.0.1:PORT"
+    std::string path;    // a file resolved against the scenario's directory; else the source
+    int service = -1;    // the service played; -1: the first whose PMT signals an HbbTV AIT
+    bool realtime = false;  // speed 1: paced by its PCR; max: as fast as it is read
+    bool broadband = true;  // no: carousel transports are preferred to HTTP ones
+    bool isFile() const { return source != "-" && source.rfind("udp://", 0) != 0; }
+};
+
 struct Step {
     std::string key;   // "step3"
     long number = 0;   // 3
@@ -172,7 +208,9 @@ struct Scenario {
     std::string path;
     std::string title;
     int time_limit_s = kDefaultTimeLimitSeconds;
-    std::vector<ChannelSpec> channels;  // channels[0] is the service
+    // channels[0] is the service; without [service] (a [capture] brings the
+    // channels) there may be none.
+    std::vector<ChannelSpec> channels;
     std::vector<AppSpec> apps;          // in file order
     std::vector<AitSpec> aits;          // "main" and "empty" always among them
     TerminalSpec terminal;
@@ -181,6 +219,9 @@ struct Scenario {
     std::vector<ProgrammeSpec> programmes;  // in file order
     std::vector<ComponentSpec> components;  // in file order
     ReceiverSpec receiver;
+    std::vector<StreamEventSpec> stream_events;  // in file order
+    std::optional<TestsuiteSpec> testsuite;
+    std::optional<CaptureSpec> capture;
     std::vector<Step> timeline;           // by step number
 
     const ChannelSpec* channel(const std::string& name) const;

@@ -80,8 +80,14 @@ void Run::settle() {
 
 void Run::setUp() {
     setUpReceiver(s_);
+    if (s_.capture) {
+        if (!capture_ || !capture_->isOpen()) fail("the scenario's capture was not opened");
+        capture_->attach(decisions_);
+    }
     if (s_.http.enabled) startHttp();
     if (usesRemoteInput(s_)) startRemoteInput();
+    if (s_.testsuite) startTestsuite();
+    stream_events_.start(s_.stream_events);
 }
 
 void Run::startHttp() {
@@ -106,13 +112,24 @@ void Run::startRemoteInput() {
     emit("remote    remote-input service listening on 127.0.0.1:" + std::to_string(remote_.port()));
 }
 
+// The groups the timeline runs are the ones the server lists.
+void Run::startTestsuite() {
+    std::vector<std::string> groups;
+    for (const Step& st : s_.timeline)
+        if (st.kind == "testsuite_group" || st.kind == "testsuite_start") groups.push_back(st.args.at(0));
+    testsuite_ = std::make_unique<TestsuiteServer>();
+    std::string error;
+    if (!testsuite_->start(*s_.testsuite, groups, &error)) fail(error);
+}
+
 // ---- start-up ----------------------------------------------------------------------------
 
 // The first applicationManagerInit() waits for the browser: it runs on a
 // thread of its own while the browser side connects, and must leave the
 // library suspended.
 void Run::startUp() {
-    step("start-up: applicationManagerInit() waits for the browser; the stand-in connects");
+    step("start-up: applicationManagerInit() waits for the browser; " +
+         std::string(browser_.hasPage() ? "the browser starts and connects" : "the stand-in connects"));
     libraryCall("applicationManagerInit()   [on its own thread]");
     std::packaged_task<int()> first_init([] { return applicationManagerInit(); });
     std::future<int> first_result = first_init.get_future();
@@ -166,9 +183,13 @@ void Run::runStep(const Step& st) {
                    ")");
     kind->run(*this, st);
     settle();
+    if (kind->role == StepRole::Action) browser_.afterStep(st.key);
 }
 
 void Run::close() {
+    // Nothing of the broadcast reaches the library while it closes.
+    stream_events_.stop();
+    if (capture_) capture_->stop();
     callLibrary(
         "applicationManagerClose()", [] { return applicationManagerClose(); }, 1);
     if (!frames_.waitFor(Connection::Application, 160, nullptr, kWaitMs))
@@ -176,13 +197,25 @@ void Run::close() {
     expectState(APP_MANAGER_DEINITIALIZED);
     closed_ = true;
     browser_.disconnect();
+    if (testsuite_) {
+        const std::optional<std::string> summary = testsuite_->finish();
+        report(summary ? *summary : "the test-suite server gave no summary");
+    }
 }
 
 void Run::execute() {
-    emit("appmgr-emu: scenario " + s_.path + (s_.title.empty() ? "" : ": " + s_.title) +
+    report("appmgr-emu: scenario " + s_.path + (s_.title.empty() ? "" : ": " + s_.title) +
          (g_verbose ? " (verbose)" : ""));
     setUp();
     startUp();
+    if (s_.capture && std::none_of(s_.timeline.begin(), s_.timeline.end(),
+                                   [](const Step& st) { return st.kind == "play_capture"; })) {
+        // A capture that no step plays is played before the timeline.
+        step("the capture plays");
+        setFailContext("playing the capture");
+        capture_->play();
+        settle();
+    }
     for (const Step& st : s_.timeline) runStep(st);
     if (!closed_) {
         step("end: close");
@@ -193,12 +226,12 @@ void Run::execute() {
     const auto steps = std::count_if(s_.timeline.begin(), s_.timeline.end(), [](const Step& st) {
         return findStepKind(st.kind)->role != StepRole::Note;
     });
-    emit("\nappmgr-emu: scenario passed (" + std::to_string(steps) + " steps, " +
+    report("\nappmgr-emu: scenario passed (" + std::to_string(steps) + " steps, " +
          std::to_string(frames_.count()) + " frames received, " + std::to_string(decisions_.count()) +
          " decisions)");
 }
 
-void runScenario(const Scenario& s, BrowserSide& browser) {
+void runScenario(const Scenario& s, BrowserSide& browser, CaptureInput* capture) {
     // The HTTP responder is local: keep proxies of the environment out of
     // the library's probes.
     for (const char* var : {"no_proxy", "NO_PROXY"}) {
@@ -206,7 +239,7 @@ void runScenario(const Scenario& s, BrowserSide& browser) {
         std::string v = old && *old ? std::string(old) + ",127.0.0.1" : "127.0.0.1";
         setenv(var, v.c_str(), 1);
     }
-    Run run(s, browser);
+    Run run(s, browser, capture);
     g_run = &run;
     {
         DecisionWatch watch(run);

@@ -5,13 +5,14 @@
 #pragma once
 
 #include "browser_side.h"
+#include "capture_input.h"
 #include "scenario.h"
 
 namespace appmgr::emu {
 
-// Runs s with browser on the other end of the library's sockets; returns
-// when every step passed. A failed step ends the process with status 1 (see
-// fail() in emu_output.h).
-void runScenario(const Scenario& s, BrowserSide& browser);
+// Runs s with browser on the other end of the library's sockets and, when s
+// has a [capture], `capture` opened on it; returns when every step passed. A
+// failed step ends the process with status 1 (see fail() in emu_output.h).
+void runScenario(const Scenario& s, BrowserSide& browser, CaptureInput* capture = nullptr);
 
 }  // namespace appmgr::emu

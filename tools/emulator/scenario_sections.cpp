@@ -106,9 +106,17 @@ int aitType(const Reader& r, const std::string& section, const std::string& key,
     return static_cast<int>(*n);
 }
 
-// [service]: the first channel, and the defaults of every AIT.
-void readService(ScenarioBuilder& b, const std::vector<FoundSection>&) {
+// [service]: the first channel, and the defaults of every AIT. A scenario
+// whose [capture] brings the channels may leave it out.
+void readService(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
     const Reader& r = b.reader;
+    if (found.empty()) {
+        if (b.scenario.capture) return;
+        const bool empty = r.layout().sections.empty() && r.layout().keys.empty();
+        throw Failure{r.path() + (empty ? ": empty scenario (no [service] or [capture] section)"
+                                        : ": [service] section missing (the current channel; or a [capture] "
+                                          "whose services become the channels)")};
+    }
     std::vector<std::string> keys = kChannelKeys;
     for (const char* k : {"ait_type", "test", "version"}) keys.push_back(k);
     r.allowOnly("service", keys);
@@ -336,16 +344,40 @@ AitSpec serviceAit(const ScenarioBuilder& b, const std::string& name) {
 }
 
 // The file's tables, then "main" (every application) and "empty" unless the
-// file defines them.
+// file defines them; both are tables of the service, so a scenario without
+// [service] has neither.
 void readAits(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
     Scenario& s = b.scenario;
     for (const FoundSection& f : found) s.aits.push_back(readAit(b, f.section, f.name));
+    if (!s.channel("service")) return;
     if (!s.ait("main")) {
         AitSpec t = serviceAit(b, "main");
         for (const AppSpec& a : s.apps) t.apps.push_back({a.section, std::nullopt});
         s.aits.push_back(t);
     }
     if (!s.ait("empty")) s.aits.push_back(serviceAit(b, "empty"));
+}
+
+// ---- [capture] ---------------------------------------------------------------------------
+
+void readCapture(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
+    if (found.empty()) return;
+    const Reader& r = b.reader;
+    r.allowOnly("capture", {"file", "service", "speed", "broadband"});
+    CaptureSpec c;
+    std::optional<std::string> file = r.get("capture", "file");
+    if (!file || file->empty())
+        r.error("capture", "", "'file' is missing (a capture file, - for standard input or udp://127.0.0.1:PORT)");
+    c.source = *file;
+    c.path = c.isFile() ? existingFile(r, "capture", "file", *file) : *file;
+    if (std::optional<long> sid = r.integer("capture", "service", 0, 0xFFFF)) c.service = static_cast<int>(*sid);
+    if (std::optional<std::string> speed = r.get("capture", "speed")) {
+        std::optional<bool> realtime = captureSpeed(*speed);
+        if (!realtime) r.error("capture", "speed", "'" + *speed + "' is not " + kCaptureSpeedHelp);
+        c.realtime = *realtime;
+    }
+    c.broadband = r.flag("capture", "broadband").value_or(true);
+    b.scenario.capture = c;
 }
 
 // ---- [carousel.TAG], [programme.NAME], [component.NAME] ----------------------------------------
@@ -439,6 +471,56 @@ void readComponents(ScenarioBuilder& b, const std::vector<FoundSection>& found) 
         b.scenario.components.push_back(readComponent(b.reader, f.section, f.name, b.scenario));
 }
 
+// ---- [stream_event.NAME], [testsuite] ------------------------------------------------------
+
+// "48656c6c6f, cafe": bytes from hexadecimal digits.
+std::optional<std::string> hexBytes(const std::string& text) {
+    if (text.empty() || text.size() % 2 != 0 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        return std::nullopt;
+    std::string bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+void readStreamEvents(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
+    const Reader& r = b.reader;
+    for (const FoundSection& f : found) {
+        r.allowOnly(f.section, {"name", "url", "tag", "event_id", "payloads", "interval"});
+        StreamEventSpec e;
+        e.section = f.name;
+        e.name = r.get(f.section, "name").value_or(f.name);
+        e.url = r.get(f.section, "url");
+        if (std::optional<long> tag = r.integer(f.section, "tag", 0, 0xFFFF)) e.tag = static_cast<int>(*tag);
+        if (std::optional<long> id = r.integer(f.section, "event_id", 0, 0xFFFF)) e.event_id = static_cast<int>(*id);
+        if (e.tag.has_value() != e.event_id.has_value())
+            r.error(f.section, e.tag ? "event_id" : "tag", "'tag' and 'event_id' go together");
+        if (!e.url && !e.tag) r.error(f.section, "", "give 'url', or 'tag' and 'event_id' (or both)");
+        for (const std::string& w : listItems(r.get(f.section, "payloads").value_or(""))) {
+            std::optional<std::string> bytes = hexBytes(w);
+            if (!bytes) r.error(f.section, "payloads", "'" + w + "' is not bytes in hexadecimal (48656c6c6f)");
+            e.payloads.push_back(*bytes);
+        }
+        if (e.payloads.empty()) r.error(f.section, "payloads", "no payload (bytes in hexadecimal, separated by commas)");
+        e.interval_ms = static_cast<int>(r.integer(f.section, "interval", 100, 60000).value_or(1000));
+        b.scenario.stream_events.push_back(e);
+    }
+}
+
+void readTestsuite(ScenarioBuilder& b, const std::vector<FoundSection>& found) {
+    if (found.empty()) return;
+    const Reader& r = b.reader;
+    r.allowOnly("testsuite", {"pages", "port", "group_time_limit"});
+    std::optional<std::string> pages = r.get("testsuite", "pages");
+    if (!pages || pages->empty()) r.error("testsuite", "", "'pages' is missing (the test suite's pages)");
+    TestsuiteSpec t;
+    t.pages = existingDirectory(r, "testsuite", "pages", *pages);
+    t.port = static_cast<int>(r.integer("testsuite", "port", 0, 65535).value_or(0));
+    t.group_time_limit_s =
+        static_cast<int>(r.integer("testsuite", "group_time_limit", 10, 3600).value_or(t.group_time_limit_s));
+    b.scenario.testsuite = t;
+}
+
 // ---- [timeline] --------------------------------------------------------------------------
 
 // The steps by number; every key must be stepN, each N once.
@@ -502,7 +584,8 @@ void readTimeline(ScenarioBuilder& b, const std::vector<FoundSection>&) {
 const std::vector<SectionKind>& sectionKinds() {
     static const std::vector<SectionKind> kinds{
         {"scenario", nullptr, false, readScenarioSection},
-        {"service", nullptr, true, readService},
+        {"capture", nullptr, false, readCapture},
+        {"service", nullptr, false, readService},
         {"terminal", nullptr, false, readTerminal},
         {"receiver", nullptr, false, readReceiver},
         {"http", nullptr, false, readHttp},
@@ -513,6 +596,8 @@ const std::vector<SectionKind>& sectionKinds() {
          "give the component tag in the section name: [carousel.TAG], e.g. [carousel.1]"},
         {"programme", "NAME", false, readProgrammes},
         {"component", "NAME", false, readComponents},
+        {"stream_event", "NAME", false, readStreamEvents},
+        {"testsuite", nullptr, false, readTestsuite},
         {"timeline", nullptr, false, readTimeline},
     };
     return kinds;

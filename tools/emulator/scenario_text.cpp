@@ -137,6 +137,15 @@ std::optional<int> networkValue(const std::string& text) {
     return std::nullopt;
 }
 
+const char* const kCaptureSpeedHelp = "max (as fast as it is read) or 1 (paced by its PCR)";
+
+std::optional<bool> captureSpeed(const std::string& text) {
+    const std::string t = lower(trim(text));
+    if (t == "max") return false;
+    if (t == "1") return true;
+    return std::nullopt;
+}
+
 std::optional<int> stateValue(const std::string& text) {
     const std::string t = lower(text);
     if (t == "deinitialized") return 0;

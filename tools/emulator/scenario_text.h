@@ -61,6 +61,10 @@ extern const char* const kControlCodeHelp;
 const char* controlCodeName(int code);
 // on, off, checking or a number.
 std::optional<int> networkValue(const std::string& text);
+// A capture's speed: "max" (as fast as it is read: false) or "1" (paced by
+// its PCR: true).
+std::optional<bool> captureSpeed(const std::string& text);
+extern const char* const kCaptureSpeedHelp;
 // The library's states by their short names (deinitialized ... initialized).
 std::optional<int> stateValue(const std::string& text);
 // A browser connection by name (application, dtvplugins, ...), as its index.

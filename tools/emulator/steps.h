@@ -73,7 +73,17 @@ std::vector<StepKind> browserSteps();
 // The middleware's calls into the library: portal, teletext, launch, key
 // sets, keys (steps_middleware.cpp).
 std::vector<StepKind> middlewareSteps();
+// The application page and the remote control: keys, the page loaded
+// (steps_page.cpp).
+std::vector<StepKind> pageSteps();
+// The public HbbTV test suite's groups (steps_testsuite.cpp).
+std::vector<StepKind> testsuiteSteps();
+// Playing a [capture] (steps_capture.cpp).
+std::vector<StepKind> captureSteps();
 // The timeline itself: waits, checks, comments, the end (steps_flow.cpp).
 std::vector<StepKind> flowSteps();
+
+// The checks of what a capture brought (steps_capture.cpp).
+std::vector<ExpectKind> captureExpectKinds();
 
 }  // namespace appmgr::emu

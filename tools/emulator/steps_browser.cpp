@@ -32,25 +32,6 @@ std::string parseBrowser(Step& st, const std::string& rest, const Scenario&) {
     return "";
 }
 
-// The id a message starts with; -1 when it does not start with "digits|".
-int messageId(const std::string& raw) {
-    const std::string id_text = raw.substr(0, raw.find('|'));
-    if (id_text.empty() || id_text.size() >= 7 ||
-        id_text.find_first_not_of("0123456789") != std::string::npos)
-        return -1;
-    return std::stoi(id_text);
-}
-
-// "-> 82  page loaded  [...]", or "-> raw ..." for bytes without an id.
-void showSent(Connection c, const std::string& raw, int id) {
-    const std::size_t bar = raw.find('|');
-    std::optional<std::string> trailing;
-    std::vector<std::string> fields =
-        bar == std::string::npos ? std::vector<std::string>{} : splitFields(raw.substr(bar + 1), &trailing);
-    emit(trimRight(col(c) + "-> " + (id >= 0 ? idAndName(id, requestName(c, id)) : std::string("raw ")) +
-                   (id >= 0 ? fieldList(fields, trailing) : quoted(raw))));
-}
-
 // A reply up to its zero byte; records are shown field by field as well.
 void readReply(Run& run, Connection c, int id) {
     StepResults& last = run.last();
@@ -59,11 +40,7 @@ void readReply(Run& run, Connection c, int id) {
         emit(col(c) + "<- no reply (" + readStatusName(run.browser().lastReadStatus(c)) + ")");
         return;
     }
-    std::optional<std::string> rest;
-    std::vector<std::string> rf = splitFields(*last.reply, &rest);
-    emit(col(c) + "<- reply " + fieldList(rf, rest));
-    const Decoded decoded = decodeReply(c, id, *last.reply);
-    if (decoded.fields.size() > 1) emit(col(c) + "   = " + standin::describe(decoded));
+    emitReply(c, id, *last.reply);
 }
 
 // Reads a carousel content reply against one deadline.
@@ -149,7 +126,7 @@ void runBrowser(Run& run, const Step& st) {
     const Connection c = static_cast<Connection>(std::stoi(st.args.at(0)));
     const std::string raw = run.expand(st.tail.value_or(""));
     const int id = messageId(raw);
-    showSent(c, raw, id);
+    emitSent(c, raw);
     if (!run.browser().send(c, raw)) fail(std::string("could not send on ") + connectionName(c));
     run.last().content.reset();
     if (c == Connection::Dsmcc && id >= 131 && id <= 133) return ContentReply(run, c).read();

@@ -96,7 +96,8 @@ std::vector<StepKind> flowSteps() {
 const std::vector<StepKind>& stepKinds() {
     static const std::vector<StepKind> kinds = [] {
         std::vector<StepKind> all;
-        for (auto group : {receiverSteps, browserSteps, middlewareSteps, flowSteps}) {
+        for (auto group :
+             {receiverSteps, browserSteps, pageSteps, middlewareSteps, captureSteps, testsuiteSteps, flowSteps}) {
             std::vector<StepKind> kinds = group();
             all.insert(all.end(), kinds.begin(), kinds.end());
         }

@@ -111,30 +111,6 @@ private:
     AitTable t_{};
 };
 
-std::string controlText(int code) {
-    const char* name = controlCodeName(code);
-    return name ? name : "control " + std::to_string(code);
-}
-
-std::string transportText(int protocol) {
-    if (protocol == kTransportHttp) return "http";
-    if (protocol == kTransportCarousel) return "dvb";
-    return "protocol " + std::to_string(protocol);
-}
-
-// "[0] 0x70.1 AUTOSTART priority 1, dvb, version 1.1.1: dvb://1.2.3.1/index.html".
-std::string describeEntry(int i, const Application& a, const AppSpec& as) {
-    std::string extra;
-    if (!as.service_bound) extra += ", unbound";
-    if (as.ip_required) extra += ", needs IP";
-    for (const RatingSpec& r : as.parental) extra += ", " + r.country + ":" + std::to_string(r.rating);
-    if (as.profile != 0) extra += ", profile " + std::to_string(as.profile);
-    return "          [" + std::to_string(i) + "] " + formatAppIds(a.organisation_id, a.app_id) + " " +
-           controlText(a.control_code) + " priority " + std::to_string(a.app_priority) + ", " +
-           transportText(a.transport_protocol->protocol_id) + ", version " + formatVersion(as.version) +
-           extra + ": " + a.transport_protocol->url;
-}
-
 void runDeliverAit(Run& run, const Step& st) {
     const Scenario& s = run.scenario();
     const AitSpec& table = *s.ait(st.args.at(0));
@@ -144,7 +120,7 @@ void runDeliverAit(Run& run, const Step& st) {
                 ", " + std::to_string(table.apps.size()) + " application" +
                 (table.apps.size() == 1 ? "" : "s") + ")   [AIT subscription]");
     for (int i = 0; i < ait.get()->app_lenght; ++i)
-        emit(describeEntry(i, ait.get()->apps[i], *s.app(table.apps[static_cast<std::size_t>(i)].app)));
+        emit(describeEntry(i, ait.get()->apps[i]));
     if (hbb_sim_fire_ait(ait.get()) != 0)
         fail("the library has not subscribed to AITs (hbb_sim_fire_ait found no callback)");
     libraryDone();

@@ -10,7 +10,7 @@ const fs = require('fs');
 const readline = require('readline');
 const { TestSuite, COOKIE, groupsOf, stepLine } = require('./lib/testsuite');
 
-const USAGE = `usage: appmgr-testsuite --pages DIR [--group NAME]... [--pin N] [--run N] [--verbose]
+const USAGE = `usage: appmgr-testsuite --pages DIR [--group NAME]... [--port N] [--pin N] [--run N] [--verbose]
 Prints, as they happen:
   serving ORIGIN DIR            the copy's origin and directory
   cookie ${COOKIE}=PIN.RUN      the cookie that makes the pages run themselves
@@ -30,6 +30,7 @@ function parseArgs(argv) {
     switch (a) {
       case '--pages': o.pages = value(); break;
       case '--group': o.groups.push(value()); break;
+      case '--port': o.port = Number(value()); break;
       case '--pin': o.pin = Number(value()); break;
       case '--run': o.run = Number(value()); break;
       case '--verbose': o.verbose = true; break;
@@ -38,6 +39,7 @@ function parseArgs(argv) {
     }
   }
   if (!o.help && !o.pages) throw new Error('--pages is required');
+  if (o.port !== undefined && !(Number.isInteger(o.port) && o.port >= 1 && o.port <= 65535)) throw new Error('--port takes a port number');
   for (const n of ['pin', 'run']) {
     if (o[n] !== undefined && !(Number.isInteger(o[n]) && o[n] >= 1)) throw new Error(`--${n} takes a positive integer`);
   }
@@ -64,7 +66,7 @@ async function main() {
     }
   }
   const suite = new TestSuite({
-    pages: o.pages, pin: o.pin, run: o.run, log: (m) => { if (o.verbose) process.stderr.write(`php: ${m}\n`); },
+    pages: o.pages, port: o.port, pin: o.pin, run: o.run, log: (m) => { if (o.verbose) process.stderr.write(`php: ${m}\n`); },
   });
   const out = (line) => process.stdout.write(`${line}\n`);
   suite.on('step', (s) => out(stepLine(s)));

@@ -331,7 +331,8 @@ int hbb_sim_add_subtitle_component(int channel_position, const AVSubtitleCompone
  * data components and the carousels served (hbb_sim_set_carousel): a
  * subscription to stream events described outside the carousel
  * (QUMA_StreamEventsWOCSubscribe) on any other component tag is refused, as
- * a receiver refuses one on a component it cannot filter. */
+ * a receiver refuses one on a component it cannot filter (unless a host set
+ * the tags itself, hbb_sim_set_stream_event_tags). */
 int hbb_sim_add_data_component(int channel_position, int component_tag);
 /* Forgets every component, data components included. */
 void hbb_sim_clear_components(void);
@@ -359,6 +360,12 @@ void hbb_sim_set_configuration(const Configuration* configuration);
  * remove a matching one (the WOC kind matched on tag, name, URL and the low
  * 8 bits of the event id): 0, or -1 when none matched. */
 void hbb_sim_set_stream_event_subscribe_result(int result);
+/* The component tags whose stream events the service carries (copied):
+ * QUMA_StreamEventsWOCSubscribe fails (-1) for any other tag, as a
+ * middleware does for a component its service does not have. A count of 0
+ * (the start value) leaves it to the current channel's components (see
+ * hbb_sim_add_data_component). */
+void hbb_sim_set_stream_event_tags(const int* tags, int count);
 /* Number of subscriptions recorded now. */
 int hbb_sim_stream_event_subscriptions(void);
 /* 1 when a subscription for this URL and event name exists (either kind),

@@ -144,6 +144,10 @@ public:
     bool next(uint8_t packet[kPacketSize]);
     // Ends the reading from another thread (next() returns false soon).
     void stop() { stop_ = true; }
+    // Reads the source again after it ended or was stopped: a file from its
+    // start (as a playout loops its file), a UDP stream from what arrives
+    // next. Standard input cannot go back: false with error() set.
+    bool replay();
     const ReaderStats& stats() const { return stats_; }
     const std::string& error() const { return error_; }
     // The UDP port actually bound (for "udp://127.0.0.1:0"), else 0.
@@ -175,6 +179,8 @@ public:
     void pace(const uint8_t packet[kPacketSize]);
     // Wakes a pace() that is waiting and makes later calls return at once.
     void stop();
+    // Forgets the clock and a stop(): the next PCR starts the reference anew.
+    void reset();
 
 private:
     bool realtime_;
@@ -541,6 +547,7 @@ struct PlayerOptions {
 
 struct PlayerStats {
     uint64_t packets = 0;
+    uint64_t pcr_packets = 0;        // packets carrying a PCR (none: nothing to pace by)
     uint64_t ait_versions = 0;       // complete versions of the service's AIT
     uint64_t ait_delivered = 0;      // HbbTV tables handed to the AIT callback
     uint64_t ait_not_delivered = 0;  // other application types, listed only
@@ -578,6 +585,11 @@ public:
     bool wait();
     // Ends the play soon, from any thread (the pacer and the reader wake).
     void stop();
+    // Makes the next run() play the source again (PacketReader::replay),
+    // with everything decoded so far kept, as a receiver sees a looping
+    // broadcast: versions seen already are not delivered again, sections
+    // that changed are. Only while nothing plays; false with error() set.
+    bool replay();
 
     Capture& capture() { return capture_; }
     const Capture& capture() const { return capture_; }
@@ -590,7 +602,11 @@ public:
     int channel_position() const;
     // The last AIT table handed over (for logs and tests); null when none.
     const AitTable* last_ait() const { return last_ait_.get(); }
-    // Called after each AIT version was handed over (on the playing thread).
+    // Called on the playing thread just before each AIT version is handed
+    // over (with the PID it came on) and just after.
+    void on_ait_delivering(std::function<void(const AitTable&, uint16_t pid)> fn) {
+        delivering_fn_ = std::move(fn);
+    }
     void on_ait_delivered(std::function<void(const AitTable&)> fn) { delivered_fn_ = std::move(fn); }
     // The carousels and stream events seen (read it after wait(), or while
     // nothing plays); null before open().
@@ -614,6 +630,7 @@ private:
     int selected_ = -1;
     std::map<uint16_t, int> channel_positions_;
     AitTablePtr last_ait_;
+    std::function<void(const AitTable&, uint16_t)> delivering_fn_;
     std::function<void(const AitTable&)> delivered_fn_;
     std::thread thread_;
     bool result_ = true;

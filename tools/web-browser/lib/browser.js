@@ -234,21 +234,33 @@ class WebBrowser extends EventEmitter {
   }
 
   // A request for the carousel origin: the file comes through the "DSMCC"
-  // connection (131), a directory stands for its index.html.
+  // connection (131). A directory is its index.html for a document, and its
+  // listing (132) for a script's request. Pages of other origins may read
+  // the carousel too (a receiver's dvb: URLs belong to no web origin).
   async serveCarousel(e) {
     const { Fetch } = this.client;
     let dvbUrl = this.receiverUrl(e.request.url).replace(/[?#].*$/, '');
-    if (dvbUrl.endsWith('/')) dvbUrl += 'index.html';
+    let id = 131;
+    if (dvbUrl.endsWith('/')) {
+      if (e.resourceType === 'Document') dvbUrl += 'index.html';
+      else {
+        id = 132;
+        dvbUrl = dvbUrl.replace(/\/+$/, '');
+      }
+    }
     let reply = null;
     try {
-      reply = dvbUrl.length <= 1024 ? await this.link.request('DSMCC', 131, [dvbUrl], { content: true }) : null;
+      reply = dvbUrl.length <= 1024 ? await this.link.request('DSMCC', id, [dvbUrl], { content: true }) : null;
     } catch (err) {
       this.log(`carousel ${dvbUrl}: ${err.message}`);
     }
     if (e.resourceType === 'Document') this.documentStatus.set(e.request.url, reply && reply.payload ? 200 : 404);
+    const anyOrigin = { name: 'Access-Control-Allow-Origin', value: '*' };
     if (!reply || !reply.payload || reply.payload.length > MAX_DSMCC_FILE_BYTES) {
       await Fetch.fulfillRequest({
-        requestId: e.requestId, responseCode: 404, responseHeaders: [{ name: 'Content-Type', value: 'text/plain' }],
+        requestId: e.requestId,
+        responseCode: 404,
+        responseHeaders: [{ name: 'Content-Type', value: 'text/plain' }, anyOrigin],
         body: Buffer.from(`not in the carousel: ${dvbUrl}\n`).toString('base64'),
       });
       return;
@@ -257,8 +269,9 @@ class WebBrowser extends EventEmitter {
       requestId: e.requestId,
       responseCode: 200,
       responseHeaders: [
-        { name: 'Content-Type', value: contentTypeFor(dvbUrl, reply.payload) },
+        { name: 'Content-Type', value: id === 132 ? 'text/plain' : contentTypeFor(dvbUrl, reply.payload) },
         { name: 'Cache-Control', value: 'no-store' },
+        anyOrigin,
       ],
       body: reply.payload.toString('base64'),
     });

@@ -91,7 +91,14 @@ class Chromium {
     child.once('error', (err) => this.log(`chromium: ${err.message}`));
     this.stderrTail = () => stderrTail;
 
-    const port = await waitForPort(this.profile, child, Date.now() + START_TIMEOUT_MS);
+    let port;
+    try {
+      port = await waitForPort(this.profile, child, Date.now() + START_TIMEOUT_MS);
+    } catch (err) {
+      // Chromium says why on its standard error: its last line comes along.
+      const last = stderrTail.trim().split('\n').pop();
+      throw new Error(last ? `${err.message}: ${last}` : err.message);
+    }
     const targets = await CDP.List({ host: '127.0.0.1', port });
     const page = targets.find((t) => t.type === 'page');
     if (!page) throw new Error('chromium has no page');

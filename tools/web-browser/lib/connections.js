@@ -64,7 +64,11 @@ class Connection {
     this.buffer = '';
     socket.setNoDelay?.(true);
     socket.on('data', (data) => this.onData(data.toString('latin1')));
-    socket.on('error', (err) => this.link.log(`${this.spec.name}: ${err.message}`));
+    // A peer that went away shows as EPIPE or ECONNRESET on the next
+    // write; the close that follows reports it.
+    socket.on('error', (err) => {
+      if (err.code !== 'EPIPE' && err.code !== 'ECONNRESET') this.link.log(`${this.spec.name}: ${err.message}`);
+    });
     socket.on('close', () => this.onClose());
   }
 

@@ -79,7 +79,7 @@ function waitForPort(port, deadline) {
 
 // Events: 'step' ({ step, result, note, text }) for each reported step.
 class TestSuite extends EventEmitter {
-  constructor({ pages, pin, run, php = 'php', log = () => {} }) {
+  constructor({ pages, port = 0, pin, run, php = 'php', log = () => {} }) {
     super();
     this.pages = pages;
     this.pin = pin || 1 + Math.floor(Math.random() * 9999);
@@ -88,13 +88,14 @@ class TestSuite extends EventEmitter {
     this.log = log;
     this.copy = null;
     this.child = null;
-    this.port = 0;
+    this.port = port;
     this.steps = [];
     this.offsets = new Map();
     this.timer = null;
   }
 
-  get origin() { return `http://127.0.0.1:${this.port}`; }
+  // As browsers write it: port 80 goes without saying.
+  get origin() { return this.port === 80 ? 'http://127.0.0.1' : `http://127.0.0.1:${this.port}`; }
   get cookieValue() { return `${this.pin}.${this.run}`; }
   groupUrl(group) { return `${this.origin}/${encodeURIComponent(group)}/index.php`; }
   // The start page of the suite: a group's "exit" step returns there.
@@ -106,8 +107,13 @@ class TestSuite extends EventEmitter {
     }
     this.copy = fs.mkdtempSync(path.join(os.tmpdir(), 'appmgr-testsuite-'));
     fs.cpSync(this.pages, this.copy, { recursive: true });
+    // The directories the pages write into: the reports, and the results
+    // of the user-agent group's video request.
     fs.mkdirSync(path.join(this.copy, 'log'), { recursive: true });
-    this.port = await freePort();
+    if (fs.existsSync(path.join(this.copy, 'useragent'))) {
+      fs.mkdirSync(path.join(this.copy, 'useragent', '_results'), { recursive: true });
+    }
+    if (!this.port) this.port = await freePort();
     this.child = spawn(this.php, ['-S', `127.0.0.1:${this.port}`, '-t', this.copy], {
       cwd: this.copy, stdio: ['ignore', 'ignore', 'pipe'],
     });

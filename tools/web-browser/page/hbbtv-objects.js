@@ -65,6 +65,17 @@
     }
   }
 
+  // A page may read carousel files with XMLHttpRequest and a dvb: URL
+  // (absolute, or relative to a carousel page). Chromium has no dvb:
+  // scheme: such a request goes to the carousel origin of the browser
+  // process, which answers it from the carousel.
+  const openRequest = XMLHttpRequest.prototype.open;
+  XMLHttpRequest.prototype.open = function (method, url, ...rest) {
+    let target = url;
+    if (/^dvb:\/\//i.test(String(url))) target = CONFIG.dvbOrigin + String(url).substring(6);
+    return openRequest.call(this, method, target, ...rest);
+  };
+
   // ---- events -----------------------------------------------------------
 
   // Fires an event the DOM 2 way (addEventListener) and the DOM 0 way
@@ -258,11 +269,19 @@
     return collection(out);
   }
 
+  // A broadcast-independent application (one that gave up the broadcast
+  // with setChannel(null), a portal, a page from an XML AIT) may neither
+  // present nor read the broadcast. The library says which kind runs (56).
+  const BROADCAST_INDEPENDENT = 1;
+  const independent = () => number(dtv(56), 0) === BROADCAST_INDEPENDENT;
+  const securityError = () => new DOMException('a broadcast-independent application has no broadcast', 'SecurityError');
+
   const videoBroadcast = {
     get playState() { return stateOf(this).playState; },
     get currentChannel() { return stateOf(this).playState === PLAY_STATES.UNREALIZED ? null : currentChannel(); },
     get fullScreen() { return stateOf(this).fullScreen; },
     get programmes() {
+      if (independent()) return collection([]);
       const count = Math.min(number(dtv(43), 0), 500);
       const list = [];
       for (let i = 0; i < count; i++) {
@@ -272,6 +291,7 @@
       return collection(list);
     },
     bindToCurrentChannel() {
+      if (independent()) throw securityError();
       videoObjects.add(this);
       dtv(0);
       const ch = currentChannel();
@@ -281,7 +301,13 @@
     setChannel(channel, trickplay, contentAccessDescriptorURL) {
       videoObjects.add(this);
       if (channel === null || channel === undefined) {
-        this.stop();
+        // A broadcast-related application that lets the broadcast go
+        // becomes broadcast-independent; the library stops the service.
+        if (independent()) this.stop();
+        else {
+          dtv(58);
+          setPlayState(this, PLAY_STATES.STOPPED);
+        }
         return;
       }
       setPlayState(this, PLAY_STATES.CONNECTING);
@@ -386,9 +412,15 @@
     return available(r) && r.length >= 2 ? [parseInt(r[0], 10) || 0, parseInt(r[1], 10) || 0] : [0, 0];
   }
 
+  // An Application object stands for one application: the ids the library
+  // gave it when the object was made. The library ignores a destroy for
+  // ids that are no longer running, so an application that has started
+  // another one (which replaces it) and then destroys itself does not end
+  // the new one.
   function Application(own) {
     this.privateData = privateData;
     Object.defineProperty(this, 'own', { value: own });
+    Object.defineProperty(this, 'ids', { value: runningIds() });
   }
   Application.prototype = {
     get visible() { return !!bridge.visible; },
@@ -401,7 +433,7 @@
       return number(dtv(50, [url]), 0) === 1 ? new Application(false) : null;
     },
     destroyApplication() {
-      dtv(51, runningIds());
+      dtv(51, this.ids);
     },
     startWidget() { return null; },
   };
@@ -637,11 +669,14 @@
   // Event handler properties (onChannelChangeSucceeded, ...) are plain
   // properties the page sets on the element; nothing to define.
 
-  // Every video/broadcast object shows its test picture from the start.
+  // Every video/broadcast object shows its test picture from the start;
+  // the other objects have nothing to show (a receiver draws nothing for
+  // them, where Chromium would draw its box for an unknown plugin).
   function adopt(el) {
-    if (el.tagName && el.tagName.toLowerCase() === 'object' && typeOf(el) === 'video/broadcast' && !el.__hbbtvPicture) {
-      showTestPicture(el, null);
-    }
+    if (!el.tagName || el.tagName.toLowerCase() !== 'object') return;
+    const type = typeOf(el);
+    if (type === 'video/broadcast' && !el.__hbbtvPicture) showTestPicture(el, null);
+    else if (type in TYPES && type !== 'video/broadcast') el.style.setProperty('display', 'none');
   }
   new MutationObserver((records) => {
     for (const r of records) {
@@ -661,6 +696,22 @@
     window.KeyEvent[name] = code;
     if (!(name in window)) window[name] = code;
   }
+
+  // A receiver's browser sends keydown, keypress and keyup for every key
+  // (the CE-HTML profile of the OIPF DAE); Chromium sends keypress only for
+  // keys that type a character. For the others the keypress follows the
+  // keydown here, with the key's VK_ code, unless a handler prevented the
+  // default. This listener is the last one the keydown reaches.
+  const remoteKeyCodes = new Set(Object.values(CONFIG.keyCodes));
+  window.addEventListener('keydown', (e) => {
+    if (!e.isTrusted || e.defaultPrevented || !remoteKeyCodes.has(e.keyCode)) return;
+    if (e.key.length === 1 || e.key === 'Enter') return;  // Chromium sends these itself
+    const press = new KeyboardEvent('keypress', { key: e.key, bubbles: true, cancelable: true });
+    for (const name of ['keyCode', 'which', 'charCode']) {
+      Object.defineProperty(press, name, { value: name === 'charCode' ? 0 : e.keyCode });
+    }
+    (e.target || document).dispatchEvent(press);
+  }, false);
 
   // ---- callbacks from the browser process -------------------------------
 
