@@ -44,6 +44,7 @@ void ensure_cond_var() {
 // Guarded by appmgr_mutex.
 unsigned long g_reports = 0;           // non-zero browser reports so far
 unsigned long g_crashes = 0;           // browser crashes so far
+unsigned long g_reports_at_crash = 0;  // g_reports when the last crash happened
 int g_waits = 0;                       // waits in progress
 bool g_closing = false;                // the library is closing: waits give up
 
@@ -59,16 +60,18 @@ timespec deadline_from_now() {
     return t;
 }
 
-// The wait itself; appmgr_mutex is held on entry and on return.
-int wait_locked() {
+// The wait itself, for a report after the first `reports`; appmgr_mutex is
+// held on entry and on return.
+int wait_locked(unsigned long reports) {
     unsigned long crashes = g_crashes;
-    unsigned long reports = g_reports;
     timespec deadline = deadline_from_now();
     for (;;) {
         if (g_crashes != crashes) {
-            // The browser crashed again: wait for the new one from now on.
+            // The browser crashed again: wait for a report of the new one,
+            // counted from the crash (it may have come before this thread
+            // ran again), with a fresh deadline.
             crashes = g_crashes;
-            reports = g_reports;
+            reports = g_reports_at_crash;
             deadline = deadline_from_now();
         }
         if (g_reports != reports || state::library() == APP_MANAGER_SUSPENDED) {
@@ -90,9 +93,11 @@ int wait_locked() {
     return 0;
 }
 
+// Reports are counted from the crash, not from when this thread runs: the
+// browser may have reconnected and reported in between.
 void wait_after_crash() {
     pthread_mutex_lock(&appmgr_mutex);
-    wait_locked();
+    wait_locked(g_reports_at_crash);
     --g_waits;
     pthread_mutex_unlock(&appmgr_mutex);
 }
@@ -105,7 +110,7 @@ int wait_for_browser() {
     ensure_cond_var();
     pthread_mutex_lock(&appmgr_mutex);
     ++g_waits;
-    const int reported = wait_locked();
+    const int reported = wait_locked(g_reports);
     --g_waits;
     pthread_mutex_unlock(&appmgr_mutex);
     return reported;
@@ -139,6 +144,7 @@ void on_browser_crashed() {
 
     pthread_mutex_lock(&appmgr_mutex);
     ++g_crashes;
+    g_reports_at_crash = g_reports;
     const bool start_thread = g_waits == 0 && !g_closing;
     if (start_thread) ++g_waits;
     pthread_cond_broadcast(&appmgr_cond_var);  // a running wait re-arms
