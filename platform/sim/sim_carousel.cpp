@@ -424,6 +424,7 @@ int hbb_sim_mounted_carousel(void) {
 // ---- carousel ------------------------------------------------------------------
 
 tQUMA_ErrorCode QUMA_MountCarouselObject(unsigned short componentTag) {
+    if (hbbsim::injected_failure(__func__)) return eQUMA_ERROR;
     tQUMA_ErrorCode result;
     {
         std::lock_guard<std::mutex> lock(carousel_mutex);
@@ -441,6 +442,7 @@ tQUMA_ErrorCode QUMA_MountCarouselObject(unsigned short componentTag) {
 }
 
 tQUMA_ErrorCode QUMA_UmountCarouselObject(const char* mountName) {
+    if (hbbsim::injected_failure(__func__)) return eQUMA_ERROR;
     {
         std::lock_guard<std::mutex> lock(carousel_mutex);
         mounted_tag = -1;
@@ -460,6 +462,7 @@ void DSMCC_Disconnect(void) {
 // The simulator reads the tree afresh on every call: there is no file cache
 // to empty.
 int DSMCC_DeleteAllFileFromFSA(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     hbbsim::record("DSMCC_DeleteAllFileFromFSA", "-> 0");
     return 0;
 }
@@ -468,6 +471,7 @@ int DSMCC_DeleteAllFileFromFSA(void) {
 
 DSMCC_LoaderResult DSMCC_LoaderGetEntryInfo(const char* dvbUrl, DSMCC_LoaderEntryType* entryType,
                                             unsigned short* moduleId) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     unsigned short module = 0;
@@ -489,6 +493,7 @@ DSMCC_LoaderResult DSMCC_LoaderGetEntryInfo(const char* dvbUrl, DSMCC_LoaderEntr
 
 DSMCC_LoaderResult DSMCC_LoaderGetFile(const char* dvbUrl, unsigned char** data,
                                        unsigned int* length) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     {
@@ -517,6 +522,7 @@ DSMCC_LoaderResult DSMCC_LoaderGetFile(const char* dvbUrl, unsigned char** data,
 
 DSMCC_LoaderResult DSMCC_LoaderGetDirectory(const char* dvbUrl, char** records,
                                             unsigned int* length) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     std::string root;
@@ -538,6 +544,7 @@ DSMCC_LoaderResult DSMCC_LoaderGetDirectory(const char* dvbUrl, char** records,
 
 DSMCC_LoaderResult DSMCC_LoaderGetStreamEventList(const char* dvbUrl, char** names,
                                                   unsigned int* length) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     {

@@ -64,6 +64,7 @@ extern "C" {
 
 int QUMA_StreamEventsSubscribe(const char* eventName, const char* targetURL,
                                tQUMAm_DSMCC_StreamEventCallback callback) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (eventName && targetURL && callback) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
@@ -77,6 +78,7 @@ int QUMA_StreamEventsSubscribe(const char* eventName, const char* targetURL,
 }
 
 int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (eventName && targetURL) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
@@ -96,6 +98,7 @@ int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL) {
 int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* eventName,
                                   const char* targetURL, unsigned short eventId,
                                   tQUMAm_DSMCC_StreamEventCallback callback) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (eventName && targetURL && callback) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
@@ -119,6 +122,7 @@ int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* event
 // The library narrows the event id to 8 bits here: the match uses those.
 int QUMA_StreamEventsWOCUnsubscribe(unsigned short componentTag, const char* eventName,
                                     const char* targetURL, unsigned short eventId) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (eventName && targetURL) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
