@@ -180,6 +180,8 @@ void Scenario::prepare() {
                        "    <stream_event stream_event_id=\"7\" stream_event_name=\"go\"/>\n"
                        "  </dsmcc_object>\n</dsmcc>\n",
                        {"Content-Type: application/xml"});
+        http_->respond("/portal.html", "200 OK", "<html><body>portal</body></html>\n",
+                       {"Content-Type: text/html"});
     }
     // Applications signalled for HbbTV 1.1.1 may start.
     appmgr::state::ManagerLock lock;
@@ -252,7 +254,7 @@ void Scenario::tell(Connection c, const std::string& raw) {
     if (dead_[static_cast<int>(c)] || !browser_->send(c, raw)) failed("not sent: " + raw);
 }
 
-bool Scenario::frame(Connection c, int id) {
+bool Scenario::frame(Connection c, int id, const char* first_field) {
     const int index = static_cast<int>(c);
     const std::string what = std::string(standin::connectionName(c)) + " frame " + std::to_string(id);
     if (dead_[index]) {
@@ -265,7 +267,8 @@ bool Scenario::frame(Connection c, int id) {
             std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count();
         auto f = browser_->readFrame(c, static_cast<int>(left) + 1);
         if (!f) break;
-        if (f->id == id) return true;
+        if (f->id == id && (first_field == nullptr || (!f->fields.empty() && f->fields[0] == first_field)))
+            return true;
     }
     dead_[index] = true;
     failed(what + ": not sent");
@@ -299,12 +302,28 @@ void Scenario::pluginRequests() {
     ask(dtv, 106, {"2"}, "0|");
     ask(dtv, 107, {"2"}, "0|");
     askPrefix(dtv, 129, {"1", "AC3", "0", "9", "109", "fra", "0", "2"}, "");
+    const std::vector<std::string> video = {"0", "H.264", "0", "1", "100", "1.78"};
+    const std::vector<std::string> subtitle = {"2", "DVB", "0", "4", "103", "eng", "1"};
+    askPrefix(dtv, 115, {"0"}, "0|H.264|0|1|100|");
+    askPrefix(dtv, 117, {"0"}, "2|DVB|0|4|103|eng|");
+    askPrefix(dtv, 119, {"0"}, "0|H.264|0|1|100|");
+    ask(dtv, 121, {"0"}, "NOT_AVAILABLE|");
+    ask(dtv, 109, video, "0|");
+    ask(dtv, 108, video, "0|");
+    ask(dtv, 112, subtitle, "0|");
+    ask(dtv, 113, subtitle, "0|");
+    askPrefix(dtv, 128, {"0", "MPEG2", "0", "8", "108", "1.33"}, "");
+    ask(dtv, 9, {}, "ACK|");
     ask(dtv, 22, {"0"}, "0|");
     ask(dtv, 23, {"10", "20", "640", "360"}, "0|");
     ask(dtv, 126, {"1"}, "ACK|");
     ask(dtv, 127, {"1"}, "ACK|");
     ask(dtv, 3, {}, "TRUE|");
     ask(dtv, 0, {}, "ACK|");
+    ask(dtv, 4, {}, "ACK|");
+    ask(dtv, 0, {}, "ACK|");
+    // Ids of no running application: only the receiver's intent goes out.
+    ask(dtv, 51, {"99", "99"}, "ACK|");
     ask(dtv, 56, {}, "0|");
     ask(dtv, 57, {}, "16|1|");
     ask(dtv, 78, {}, "16|");
@@ -322,13 +341,54 @@ void Scenario::searchRequests() {
     ask(dtv, 92, {"1", "5", "1", "0", "0", "0", "0", "0"}, "0|");
     ask(dtv, 93, {"1", "5", "0", "1"}, "0|");
     ask(dtv, 94, {"1", "5", "0", "0", "0", "6", "news"}, "0|");
+    ask(dtv, 122, {"1", "5", "1"}, "0|");
+    ask(dtv, 123, {"1", "5", "0", "1", "2", "3"}, "0|");
     ask(dtv, 96, {"1", "5", "0", "10"}, "0|");
-    // The end of the scan: callback 67.
-    frame(Connection::Callbacks, 67);
+    // The end of the scan: callback 67 of search 5.
+    frame(Connection::Callbacks, 67, "5");
     askPrefix(dtv, 99, {"1", "5", "0"}, "Evening News|");
     ask(dtv, 100, {"1", "5", "0"}, "Headlines|");
     ask(dtv, 102, {"1", "5", "0"}, "Part one.|");
     ask(dtv, 101, {"1", "5"}, "0|");
+    // One service only: its own cache is walked.
+    ask(dtv, 90, {"1", "6"}, "0|");
+    ask(dtv, 92, {"1", "6", "1", "0", "0", "1", "2", "3"}, "0|");
+    ask(dtv, 93, {"1", "6", "0", "1"}, "0|");
+    ask(dtv, 94, {"1", "6", "0", "0", "0", "6", "film"}, "0|");
+    ask(dtv, 96, {"1", "6", "0", "10"}, "0|");
+    frame(Connection::Callbacks, 67, "6");
+    askPrefix(dtv, 99, {"1", "6", "0"}, "Film|");
+    ask(dtv, 101, {"1", "6"}, "0|");
+}
+
+void Scenario::broadcastObjects() {
+    // The middleware's own use of the broadcast objects.
+    auto check = [this](bool ok, const char* what) {
+        if (!ok) failed(std::string("broadcast object: ") + what);
+    };
+    check(av_components_get_length(AV_COMPONENT_TYPE_AUDIO) >= 2, "audio components");
+    check(av_components_get_length_of_active(AV_COMPONENT_TYPE_AUDIO) == 1, "active audio");
+    AVVideoComponent* video = av_components_get_video_item(0);
+    AVAudioComponent* audio = av_components_get_audio_item(1);
+    AVSubtitleComponent* subtitle = av_components_get_subtitle_item(0);
+    check(video && audio && subtitle, "component items");
+    av_audio_component_destroy(av_components_get_active_audio_item(0));
+    av_video_component_destroy(av_components_get_active_video_item(0));
+    av_subtitle_component_destroy(av_components_get_active_subtitle_item(0));
+    if (video) check(broadcast_unselect_av_video_component(video) == 0, "unselect video");
+    if (video) check(broadcast_select_av_video_component(video) == 0, "select video");
+    if (audio) check(broadcast_select_av_audio_component(audio) == 0, "select audio");
+    if (audio) check(broadcast_unselect_av_audio_component(audio) == 0, "unselect audio");
+    if (subtitle) check(broadcast_select_av_subtitle_component(subtitle) == 0, "select subtitle");
+    if (subtitle) check(broadcast_unselect_av_subtitle_component(subtitle) == 0, "unselect subtitle");
+    check(broadcast_select_default_av_component(AV_COMPONENT_TYPE_AUDIO) == 0, "select default");
+    check(broadcast_unselect_av_component_by_type(AV_COMPONENT_TYPE_SUBTITLE) == 0, "unselect by type");
+    av_video_component_destroy(video);
+    av_audio_component_destroy(audio);
+    av_subtitle_component_destroy(subtitle);
+    hbb_sim_set_parental_rating_schemes(2);
+    check(parental_rating_get_schemes() != nullptr, "rating schemes");
+    parental_rating_release_schemes();
 }
 
 void Scenario::carouselRequests() {
@@ -374,24 +434,33 @@ void Scenario::browserCrash(const std::string& label) {
 void Scenario::middlewareEvents(const std::string& label) {
     deadline(20000, "sendNetworkStatus (" + label + ")",
              [] { return hbb_sim_fire_network_status(NETWORK_ON); });
+    // A directory module changed: the carousel is unmounted.
     deadline(20000, "module update (" + label + ")",
-             [] { return hbb_sim_fire_module_update(7, 0, nullptr); });
+             [] { return hbb_sim_fire_module_update(7, 1, nullptr); });
     frame(Connection::Application, 27);
+    const std::string portal = http_->url("/portal.html");
+    if (deadline(20000, "openWebPortal (" + label + ")",
+                 [&portal] { return openWebPortal(const_cast<char*>(portal.c_str())); }) != 1)
+        failed("openWebPortal");
+    frame(Connection::Application, 140);
+    if (deadline(20000, "closeWebPortal (" + label + ")", [] { return closeWebPortal(); }) != 1)
+        failed("closeWebPortal");
     int keys[] = {0x1CD};
     deadline(20000, "setKeySet (" + label + ")", [&keys] { return setKeySet(0x21F, keys); });
-    // A tune from the page: the middleware answers on its own thread with
-    // channelChanged, which ends the service-bound application.
-    ask(Connection::DtvPlugins, 20, [] {
-        auto fields = kTwoRequest;
-        fields.push_back("0");
-        return fields;
-    }(), "0|");
-    if (hbb_sim_wait_notifications(20000) != 0) {
-        std::fprintf(stderr, "HANG: channelChanged (%s)\n", label.c_str());
-        std::fflush(nullptr);
-        std::_Exit(1);
+    // Tunes from the page: the middleware answers each on its own thread
+    // with channelChanged; the first ends the service-bound application.
+    auto fields = kTwoRequest;
+    fields.push_back("0");
+    for (const auto& [id, tune] : std::vector<std::pair<int, std::vector<std::string>>>{
+             {1, {}}, {2, {}}, {20, fields}}) {
+        ask(Connection::DtvPlugins, id, tune, id == 20 ? "0|" : "ACK|");
+        if (hbb_sim_wait_notifications(20000) != 0) {
+            std::fprintf(stderr, "HANG: channelChanged (%s)\n", label.c_str());
+            std::fflush(nullptr);
+            std::_Exit(1);
+        }
+        frame(Connection::Callbacks, 60);
     }
-    frame(Connection::Callbacks, 60);
 }
 
 std::vector<std::string> Scenario::run(const std::string& label, bool with_fault) {
@@ -421,6 +490,7 @@ std::vector<std::string> Scenario::run(const std::string& label, bool with_fault
 
     pluginRequests();
     carouselRequests();
+    broadcastObjects();
     browserCrash(label);
     searchRequests();
     streamEvents();

@@ -1,7 +1,7 @@
 // One whole life of the library, for the fault walks: start with the
 // browser, an AIT whose AUTOSTART application starts from the carousel, the
-// page's requests on each connection, a browser crash and its return, an
-// EPG search, stream events from the carousel and from an HTTP description,
+// page's requests on each connection, the middleware's use of the broadcast
+// objects, a browser crash and its return, two EPG searches, stream events from the carousel and from an HTTP description,
 // the middleware's notifications and a tune, then close.
 //
 // Every step tolerates a failure of an earlier one: a request that gets no
@@ -56,15 +56,16 @@ private:
     void askPrefix(Connection c, int id, const std::vector<std::string>& fields,
                    const std::string& prefix);
     void tell(Connection c, const std::string& raw);
-    // Reads frames of a connection until one with `id` (false when none
-    // came in time).
-    bool frame(Connection c, int id);
+    // Reads frames of a connection until one with `id` (and this first
+    // field, when given); false when none came in time.
+    bool frame(Connection c, int id, const char* first_field = nullptr);
     void failed(const std::string& what);
 
     void pluginRequests();
     void searchRequests();
     void carouselRequests();
     void streamEvents();
+    void broadcastObjects();
     void browserCrash(const std::string& label);
     void middlewareEvents(const std::string& label);
 
