@@ -298,7 +298,9 @@ void Scenario::pluginRequests() {
     askPrefix(dtv, 116, {"1"}, "1|AAC|0|3|102|deu|");
     ask(dtv, 118, {"1"}, "1|");
     askPrefix(dtv, 120, {"0"}, "1|AAC|0|2|101|eng|");
-    ask(dtv, 110, {"1", "AAC", "0", "3", "102", "deu", "1", "2"}, "0|");
+    const std::vector<std::string> german = {"1", "AAC", "0", "3", "102", "deu", "1", "2"};
+    ask(dtv, 111, german, "0|");
+    ask(dtv, 110, german, "0|");
     ask(dtv, 106, {"2"}, "0|");
     ask(dtv, 107, {"2"}, "0|");
     askPrefix(dtv, 129, {"1", "AC3", "0", "9", "109", "fra", "0", "2"}, "");
@@ -341,8 +343,10 @@ void Scenario::searchRequests() {
     ask(dtv, 92, {"1", "5", "1", "0", "0", "0", "0", "0"}, "0|");
     ask(dtv, 93, {"1", "5", "0", "1"}, "0|");
     ask(dtv, 94, {"1", "5", "0", "0", "0", "6", "news"}, "0|");
+    // A channel constraint set and removed: the scan walks every service.
     ask(dtv, 122, {"1", "5", "1"}, "0|");
     ask(dtv, 123, {"1", "5", "0", "1", "2", "3"}, "0|");
+    ask(dtv, 124, {"1", "5"}, "0|");
     ask(dtv, 96, {"1", "5", "0", "10"}, "0|");
     // The end of the scan: callback 67 of search 5.
     frame(Connection::Callbacks, 67, "5");
@@ -350,14 +354,12 @@ void Scenario::searchRequests() {
     ask(dtv, 100, {"1", "5", "0"}, "Headlines|");
     ask(dtv, 102, {"1", "5", "0"}, "Part one.|");
     ask(dtv, 101, {"1", "5"}, "0|");
-    // One service only: its own cache is walked.
+    // No comparison groups: the events of one service, its own cache walked.
     ask(dtv, 90, {"1", "6"}, "0|");
-    ask(dtv, 92, {"1", "6", "1", "0", "0", "1", "2", "3"}, "0|");
-    ask(dtv, 93, {"1", "6", "0", "1"}, "0|");
-    ask(dtv, 94, {"1", "6", "0", "0", "0", "6", "film"}, "0|");
+    ask(dtv, 92, {"1", "6", "0", "0", "0", "1", "2", "3"}, "0|");
     ask(dtv, 96, {"1", "6", "0", "10"}, "0|");
     frame(Connection::Callbacks, 67, "6");
-    askPrefix(dtv, 99, {"1", "6", "0"}, "Film|");
+    askPrefix(dtv, 99, {"1", "6", "1"}, "Film|");
     ask(dtv, 101, {"1", "6"}, "0|");
 }
 

@@ -123,21 +123,38 @@ std::string where(void* pc) {
 #endif
 }
 
-// One boundary of the walk: how to arm the Nth failure, count the points
-// and tell what failed.
+// One boundary of the walk: the failure points a run passed, how to arm
+// one, and what failed.
 struct Boundary {
     const char* name;
-    const char* distinct;       // what the distinct failed points are
-    void (*arm)(long nth);      // 0: count only
-    long (*points)();
+    const char* distinct;                       // what the distinct failed points are
+    std::vector<std::string> (*points)();       // after a run without faults
+    void (*arm)(const std::string& point);      // "": none
     bool (*failed)();
-    std::string (*what)();      // the point that failed, for reports
+    std::string (*what)();                      // the point that failed, for reports
 };
 
+// A platform point is "function k": the kth call of that function. Naming
+// the function keeps a point where it is when the threads of a run
+// interleave their calls differently.
 const Boundary kPlatform = {
     "platform call", "functions",
-    [](long nth) { hbb_sim_fail_call(nullptr, static_cast<int>(nth)); },
-    [] { return static_cast<long>(hbb_sim_failable_calls()); },
+    [] {
+        std::vector<std::string> points;
+        const char* function;
+        for (int i = 0; (function = hbb_sim_failable_function(i, nullptr)) != nullptr; ++i)
+            for (int k = 1; k <= hbb_sim_call_count(function); ++k)
+                points.push_back(std::string(function) + " " + std::to_string(k));
+        return points;
+    },
+    [](const std::string& point) {
+        if (point.empty()) {
+            hbb_sim_fail_call(nullptr, 0);
+            return;
+        }
+        const size_t blank = point.find(' ');
+        hbb_sim_fail_call(point.substr(0, blank).c_str(), std::atoi(point.c_str() + blank + 1));
+    },
     [] { return hbb_sim_injected_failures(nullptr, 0) > 0; },
     [] {
         char name[128];
@@ -145,10 +162,15 @@ const Boundary kPlatform = {
         return std::string(name);
     }};
 
+// An allocation point is its number in the run.
 const Boundary kAllocation = {
     "allocation", "call sites",
-    [](long nth) { appmgr_alloc_fail(nth); },
-    [] { return appmgr_alloc_count(); },
+    [] {
+        std::vector<std::string> points;
+        for (long n = 1; n <= appmgr_alloc_count(); ++n) points.push_back(std::to_string(n));
+        return points;
+    },
+    [](const std::string& point) { appmgr_alloc_fail(std::atol(point.c_str())); },
     [] { return appmgr_alloc_failed() > 0; },
     [] {
         void* frames[16];
@@ -171,8 +193,8 @@ const Boundary kAllocation = {
 
 // What a run reports to the walk, one "key value" line each.
 struct Report {
-    long points = 0;        // failure points the run passed
-    bool reached = false;   // the planned failure happened
+    std::vector<std::string> points;  // the failure points the run passed
+    bool reached = false;             // the planned failure happened
     std::string what;       // where
     std::string problems;   // what went wrong ("" when nothing did)
 };
@@ -191,7 +213,7 @@ Report parse(const std::string& text) {
         std::string value;
         std::getline(in, value);
         if (!value.empty() && value[0] == ' ') value.erase(0, 1);
-        if (key == "points") r.points = std::atol(value.c_str());
+        if (key == "point") r.points.push_back(value);
         if (key == "reached") r.reached = value == "1";
         if (key == "what") r.what = value;
         if (key == "problems") r.problems = value;
@@ -199,9 +221,9 @@ Report parse(const std::string& text) {
     return r;
 }
 
-// The body of a run's process: the scenario with point `n` failing (0:
+// The body of a run's process: the scenario with `point` failing ("":
 // none), then the checks. Writes its report to `out`.
-void run_point(const Boundary& boundary, long n, const std::string& dir, int out) {
+void run_point(const Boundary& boundary, const std::string& point, const std::string& dir, int out) {
     hbb_sim_set_log_stderr(0);
     hbb_sim_set_log_level(2);
     hbb_sim_set_log_hook(keep_line, nullptr);
@@ -217,19 +239,20 @@ void run_point(const Boundary& boundary, long n, const std::string& dir, int out
     scenario.prepare();
     const int threads = thread_count();
     const int fds = fd_count();
-    const std::string label = n == 0 ? std::string("the run without faults")
-                                     : std::string(boundary.name) + " " + std::to_string(n);
-    boundary.arm(n);
-    const auto steps = scenario.run(label, n != 0);
+    const bool clean = point.empty();
+    const std::string label =
+        clean ? std::string("the run without faults") : std::string(boundary.name) + " " + point;
+    boundary.arm(point);
+    const auto steps = scenario.run(label, !clean);
     Report report;
-    report.points = boundary.points();
+    if (clean) report.points = boundary.points();
     report.reached = boundary.failed();
     if (report.reached) report.what = boundary.what();
-    boundary.arm(0);
+    boundary.arm("");
 
     std::string problems;
     // A run without faults must give every answer.
-    if (n == 0)
+    if (clean)
         for (const auto& s : steps) problems += " " + s + ";";
     auto lock = std::async(std::launch::async, [] { appmgr::state::ManagerLock held; });
     if (lock.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
@@ -257,9 +280,9 @@ void run_point(const Boundary& boundary, long n, const std::string& dir, int out
     if (!problems.empty()) problems += " last log lines:\n" + recent_log();
     report.problems = one_line(problems);
 
-    const std::string text = "points " + std::to_string(report.points) + "\nreached " +
-                             (report.reached ? "1" : "0") + "\nwhat " + one_line(report.what) +
-                             "\nproblems " + report.problems + "\n";
+    std::string text = std::string("reached ") + (report.reached ? "1" : "0") + "\nwhat " +
+                       one_line(report.what) + "\nproblems " + report.problems + "\n";
+    for (const auto& p : report.points) text += "point " + p + "\n";
     for (size_t done = 0; done < text.size();) {
         const ssize_t w = ::write(out, text.data() + done, text.size() - done);
         if (w <= 0) break;
@@ -269,7 +292,7 @@ void run_point(const Boundary& boundary, long n, const std::string& dir, int out
 
 // A run in its own process, from fork to exit.
 struct Child {
-    long n = 0;
+    std::string point;
     pid_t pid = -1;
     int out = -1;  // the report pipe
     std::string dir;
@@ -278,12 +301,13 @@ struct Child {
     Clock::time_point started;
 };
 
-Child start_child(const Boundary& boundary, long n, const std::string& base) {
+Child start_child(const Boundary& boundary, const std::string& point, int number,
+                  const std::string& base) {
     Child c;
-    c.n = n;
-    c.dir = base + "run-" + std::to_string(n) + "/";
+    c.point = point;
+    c.dir = base + "run-" + std::to_string(number) + "/";
     std::filesystem::create_directories(c.dir);
-    c.stderr_path = base + "stderr-" + std::to_string(n) + ".txt";
+    c.stderr_path = base + "stderr-" + std::to_string(number) + ".txt";
     int fds[2];
     if (::pipe(fds) != 0) return c;
     std::fflush(nullptr);
@@ -291,7 +315,7 @@ Child start_child(const Boundary& boundary, long n, const std::string& base) {
     if (c.pid == 0) {
         ::close(fds[0]);
         if (std::freopen(c.stderr_path.c_str(), "w", stderr) == nullptr) std::_Exit(4);
-        run_point(boundary, n, c.dir, fds[1]);
+        run_point(boundary, point, c.dir, fds[1]);
         std::fflush(nullptr);
         std::_Exit(0);
     }
@@ -330,17 +354,17 @@ Report finish_child(Child& c, int status, bool killed) {
     return r;
 }
 
-// Runs the points first, first + stride, ... (0 alone for the clean run),
-// `jobs` at a time, and hands each report to `done`.
+// Runs each point (one "" for the run without faults), `jobs` at a time,
+// and hands each report to `done`.
 template <typename Done>
-void run_children(const Boundary& boundary, long first, long last, long stride, int jobs,
+void run_children(const Boundary& boundary, const std::vector<std::string>& points, int jobs,
                   const std::string& base, Done done) {
     std::vector<Child> running;
-    long next = first;
-    while (next <= last || !running.empty()) {
-        while (static_cast<int>(running.size()) < jobs && next <= last) {
-            running.push_back(start_child(boundary, next, base));
-            next += stride;
+    size_t next = 0;
+    while (next < points.size() || !running.empty()) {
+        while (static_cast<int>(running.size()) < jobs && next < points.size()) {
+            running.push_back(start_child(boundary, points[next], static_cast<int>(next), base));
+            ++next;
         }
         std::vector<pollfd> polls;
         for (const Child& c : running) polls.push_back({c.out, POLLIN, 0});
@@ -357,7 +381,7 @@ void run_children(const Boundary& boundary, long first, long last, long stride, 
             if (killed) ::kill(c.pid, SIGKILL);
             const pid_t ended = ::waitpid(c.pid, &status, killed ? 0 : WNOHANG);
             if (ended == c.pid) {
-                done(c.n, finish_child(c, status, killed));
+                done(c.point, finish_child(c, status, killed));
                 running.erase(running.begin() + static_cast<long>(i));
                 polls.erase(polls.begin() + static_cast<long>(i));
             } else {
@@ -372,34 +396,37 @@ void walk(const Boundary& boundary) {
     ASSERT_NE(mkdtemp(pattern), nullptr);
     const std::string base = std::string(pattern) + "/";
 
-    // The run without faults: every step answers; it counts the points.
-    long points = 0;
-    run_children(boundary, 0, 0, 1, 1, base, [&](long, const Report& r) {
+    // The run without faults: every step answers; it lists the points.
+    std::vector<std::string> points;
+    run_children(boundary, {""}, 1, base, [&](const std::string&, const Report& r) {
         EXPECT_EQ(r.problems, "") << "the run without faults";
         points = r.points;
     });
-    ASSERT_GT(points, 0);
+    ASSERT_FALSE(points.empty());
 
     const long stride = env_number("APPMGR_FAULT_STRIDE", 1);
     const long first = env_number("APPMGR_FAULT_OFFSET", 1);
     const int jobs = static_cast<int>(env_number("APPMGR_FAULT_JOBS", 2));
+    std::vector<std::string> walked_points;
+    for (size_t i = static_cast<size_t>(first - 1); i < points.size(); i += static_cast<size_t>(stride))
+        walked_points.push_back(points[i]);
     const auto started = Clock::now();
     int walked = 0;
     int reached = 0;
     std::set<std::string> failed_points;
-    run_children(boundary, first, points, stride, jobs, base, [&](long n, const Report& r) {
+    run_children(boundary, walked_points, jobs, base, [&](const std::string& point, const Report& r) {
         ++walked;
         if (r.reached) {
             ++reached;
             failed_points.insert(r.what);
         }
-        EXPECT_EQ(r.problems, "") << boundary.name << " " << n << " ("
+        EXPECT_EQ(r.problems, "") << boundary.name << " " << point << " ("
                                   << (r.reached ? r.what : "not reached") << ")";
     });
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
-    std::printf("%s walk: %ld points in the scenario, %d walked (stride %ld), %d failed as planned, "
+    std::printf("%s walk: %zu points in the scenario, %d walked (stride %ld), %d failed as planned, "
                 "%zu distinct %s, %.1f s\n",
-                boundary.name, points, walked, stride, reached, failed_points.size(),
+                boundary.name, points.size(), walked, stride, reached, failed_points.size(),
                 boundary.distinct, seconds);
     for (const auto& p : failed_points) std::printf("  %s\n", p.c_str());
     // Every walked point but a few whose count shifts with thread timing
