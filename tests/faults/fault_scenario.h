@@ -49,10 +49,11 @@ private:
     using Connection = standin::Connection;
     bool start(standin::BrowserStandin& browser, const std::string& label);
     void close(standin::BrowserStandin& browser, const std::string& label);
-    // Sends a request and reads its reply (empty optional when the
-    // connection is dead or no reply came).
+    // Sends a request and compares its reply with `expected`, the whole
+    // reply or its start; a request without a reply marks the connection
+    // dead.
     void ask(Connection c, int id, const std::vector<std::string>& fields,
-             const std::string& expected);
+             const std::string& expected, bool whole = true);
     void askPrefix(Connection c, int id, const std::vector<std::string>& fields,
                    const std::string& prefix);
     void tell(Connection c, const std::string& raw);
