@@ -6,8 +6,9 @@
 // The library (its test copy, with the socket directory moved into a
 // private directory under /tmp and the process-control commands recorded
 // instead of run) starts on the simulated receiver with the browser
-// stand-in connected. Cycle i crashes connection i mod 5 (soak_load.h)
-// while the other four pages and five middleware threads go on. The
+// stand-in connected. Of every six cycles, five crash one connection each
+// (in index order) while the other four pages and five middleware threads
+// go on, and the sixth crashes the whole browser (soak_load.h). The
 // process's file descriptors, threads, address space and resident memory
 // are read once the load has settled after a warm-up of one cycle per
 // connection, and again after the N cycles; then every connection must
@@ -158,19 +159,23 @@ int main(int argc, char** argv) {
     bool ok = start_library(browser);
     if (!ok) tally.error("the library did not start");
 
-    // Warm-up: one crash per connection, so that what is made once (the
+    // Warm-up: one cycle of each kind, so that what is made once (the
     // browser-wait thread, the simulator's notifier, allocator arenas of
     // each thread) exists before the first reading.
-    const auto started = Clock::now();
     load.start();
     for (Connection c : appmgr::standin::kAllConnections) ok = ok && load.crash(c, 60000);
+    ok = ok && load.crash_browser(60000);
     load.stop();
     const auto before = appmgr::soak::read_process_figures();
+    tally.reset_counts();
 
     long cycles = 0;
+    const auto started = Clock::now();
     load.start();
     for (; ok && cycles < options.cycles; ++cycles) {
-        ok = load.crash(appmgr::standin::kAllConnections[static_cast<size_t>(cycles % 5)], 60000);
+        const size_t kind = static_cast<size_t>(cycles % 6);
+        ok = kind < 5 ? load.crash(appmgr::standin::kAllConnections[kind], 60000)
+                      : load.crash_browser(60000);
         if (options.verbose && (cycles + 1) % 100 == 0)
             std::fprintf(stderr, "appmgr-soak: %ld cycles\n", cycles + 1);
     }
@@ -179,10 +184,11 @@ int main(int argc, char** argv) {
     const std::string missing = still_served(browser);
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
 
-    std::printf("appmgr-soak: %ld of %ld cycles in %.1f s (crashes per connection: "
+    std::printf("appmgr-soak: %ld of %ld cycles in %.1f s (whole browser %ld; alone: "
                 "Application %ld, dtvPlugins %ld, vodPlugins %ld, Callbacks %ld, DSMCC %ld)\n",
-                cycles, options.cycles, seconds, tally.crashes[0].load(), tally.crashes[1].load(),
-                tally.crashes[2].load(), tally.crashes[3].load(), tally.crashes[4].load());
+                cycles, options.cycles, seconds, tally.browser_crashes.load(),
+                tally.crashes[0].load(), tally.crashes[1].load(), tally.crashes[2].load(),
+                tally.crashes[3].load(), tally.crashes[4].load());
     std::printf("  pages: %ld answers read, %ld requests left in flight by a crash, %ld searches\n",
                 tally.answered.load(), tally.in_flight.load(), tally.searches.load());
     std::printf("  middleware: %ld AIT updates, %ld channel changes, %ld network changes, "

@@ -55,6 +55,13 @@ const std::vector<Request> kDtvInFlight = {{96, {"1", "9", "0", "10"}}, {30, {}}
 
 }  // namespace
 
+void Tally::reset_counts() {
+    for (auto* count : {&answered, &in_flight, &browser_crashes, &searches, &ait_updates,
+                        &channel_changes, &network_changes, &key_sets, &stream_events})
+        *count = 0;
+    for (auto& count : crashes) count = 0;
+}
+
 void Tally::error(const std::string& what) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (errors_.size() < 50) errors_.push_back(what);
@@ -73,6 +80,23 @@ public:
     ~Page() { join(); }
 
     void start() { thread_ = std::thread([this] { run(); }); }
+
+    // Holds the page between two steps (its connection then belongs to the
+    // caller) until released; false when it did not stop in time.
+    bool hold(int timeout_ms) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        hold_ = true;
+        changed_.notify_all();
+        if (changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [this] { return held_; }))
+            return true;
+        load_.tally_.error(std::string(name()) + ": the page did not stop in time");
+        return false;
+    }
+    void release() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        hold_ = false;
+        changed_.notify_all();
+    }
     void join() {
         if (thread_.joinable()) thread_.join();
     }
@@ -94,7 +118,14 @@ private:
         while (!load_.stopping_) {
             bool crash_now;
             {
-                std::lock_guard<std::mutex> lock(mutex_);
+                std::unique_lock<std::mutex> lock(mutex_);
+                if (hold_) {
+                    held_ = true;
+                    changed_.notify_all();
+                    changed_.wait(lock, [this] { return !hold_; });
+                    held_ = false;
+                    continue;
+                }
                 crash_now = requested_;
             }
             if (!crash_now) {
@@ -191,16 +222,11 @@ private:
             ++load_.tally_.in_flight;
     }
 
-    // The new browser on "Application" reports itself; the middleware then
-    // activates the library again, and the time zone is the command that
-    // shows the connection works.
+    // The new browser on "Application" reports itself and the middleware
+    // activates the library again; the time zone is the command that shows
+    // the connection works.
     bool application_returns() {
-        if (!browser().send(c_, "83|1|")) return fail("report not sent");
-        const auto until = Clock::now() + std::chrono::milliseconds(kReplyMillis);
-        while (appmgr::state::library() != APP_MANAGER_SUSPENDED && Clock::now() < until)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (appmgr::state::library() != APP_MANAGER_SUSPENDED) return fail("report not taken");
-        if (applicationManagerInit() != 1) return fail("not activated again");
+        if (!Load::browser_returns(browser(), load_.tally_)) return false;
         return frame(141, [] { setTimeZone(0, 1, 0); });
     }
 
@@ -234,6 +260,8 @@ private:
     bool requested_ = false;
     bool done_ = false;
     bool ok_ = false;
+    bool hold_ = false;
+    bool held_ = false;
 };
 
 // ---- the load --------------------------------------------------------------------
@@ -280,6 +308,44 @@ void Load::stop() {
 
 bool Load::crash(Connection c, int timeout_ms) {
     return pages_[static_cast<size_t>(c)]->crash(timeout_ms);
+}
+
+bool Load::browser_returns(BrowserStandin& browser, Tally& tally) {
+    if (!browser.send(Connection::Application, "83|1|")) {
+        tally.error("Application: report not sent");
+        return false;
+    }
+    const auto until = Clock::now() + std::chrono::milliseconds(kReplyMillis);
+    while (appmgr::state::library() != APP_MANAGER_SUSPENDED && Clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (appmgr::state::library() != APP_MANAGER_SUSPENDED) {
+        tally.error("Application: report not taken");
+        return false;
+    }
+    if (applicationManagerInit() != 1) {
+        tally.error("Application: not activated again");
+        return false;
+    }
+    return true;
+}
+
+bool Load::crash_browser(int timeout_ms) {
+    // The pages stop between two steps; the process then dies with requests
+    // of every page in flight, and a new one connects all five.
+    bool ok = true;
+    for (auto& page : pages_) ok = page->hold(timeout_ms) && ok;
+    if (ok) {
+        for (const Request& r : kDtvInFlight)
+            if (browser_.sendRequest(Connection::DtvPlugins, r.id, r.fields)) ++tally_.in_flight;
+        if (browser_.sendRequest(Connection::Dsmcc, 131, {kAppUrl})) ++tally_.in_flight;
+        browser_.disconnectAll();
+        ok = browser_.connectAll(timeout_ms);
+        if (!ok) tally_.error("the new browser was not accepted");
+        ok = ok && browser_returns(browser_, tally_);
+        if (ok) ++tally_.browser_crashes;
+    }
+    for (auto& page : pages_) page->release();
+    return ok;
 }
 
 // One middleware thread: 0 AIT updates, 1 channel changes, 2 network

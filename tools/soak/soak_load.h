@@ -7,8 +7,9 @@
 // come) and that, when asked, plays a crash of that connection: a few
 // requests go out and the connection drops before their replies are read,
 // then it connects again and shows that the library serves it. The crash of
-// "Application" is the browser process's: the new browser reports itself
-// and the middleware activates the library again.
+// "Application" is the browser process's as the library sees it: the new
+// browser reports itself and the middleware activates the library again.
+// A whole browser crash drops all five at once.
 //
 // The middleware threads fire AIT updates, channel changes, network
 // changes, key sets and stream events, each at its own pace, until stopped.
@@ -35,6 +36,7 @@ struct Tally {
     std::atomic<long> answered{0};     // replies, commands and callbacks read
     std::atomic<long> in_flight{0};    // requests left unanswered by a crash
     std::array<std::atomic<long>, standin::kConnectionCount> crashes{};
+    std::atomic<long> browser_crashes{0};  // all five connections at once
     std::atomic<long> searches{0};
     std::atomic<long> ait_updates{0};
     std::atomic<long> channel_changes{0};
@@ -42,6 +44,8 @@ struct Tally {
     std::atomic<long> key_sets{0};
     std::atomic<long> stream_events{0};
 
+    // Zeroes the counts above (errors stay).
+    void reset_counts();
     void error(const std::string& what);
     std::vector<std::string> errors() const;
 
@@ -69,8 +73,15 @@ public:
     // Has the page on c crash its connection and come back; false (with
     // the reason in the tally) when it did not within timeout_ms.
     bool crash(Connection c, int timeout_ms);
+    // The browser process dies: all five connections drop at once, with
+    // requests in flight, and a new browser connects, reports itself and
+    // is activated by the middleware. The pages go on afterwards.
+    bool crash_browser(int timeout_ms);
 
 private:
+    // The report of a new browser on "Application" and the middleware's
+    // activation that follows.
+    static bool browser_returns(BrowserStandin& browser, Tally& tally);
     class Page;
     void middleware(int which);
 
