@@ -3,8 +3,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -44,7 +44,9 @@ using appmgr::test::kTwoRecord;
 const std::vector<std::string> kTwoRequest = {"0", "ccid:1.2.4", "1", "2", "4",  "Two",
                                               "dsd-a", "12", "10", "2", "2"};
 
+// The middleware's start and stop callbacks, as a receiver registers them.
 int on_start() { return application_manager_cmd_start(); }
+int on_stop() { return 1; }
 
 // Page loads the library reported through the decision trace: a message
 // without a reply has been taken in once its decision is seen.
@@ -62,7 +64,6 @@ bool wait_pages_loaded(int count, int timeout_ms) {
     return decisions_changed.wait_for(lock, std::chrono::milliseconds(timeout_ms),
                                       [count] { return pages_loaded >= count; });
 }
-int on_stop() { return 1; }
 
 void write_file(const std::string& path, const std::string& content) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());

@@ -32,7 +32,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <map>
 #include <mutex>
 #include <set>
 #include <sstream>
