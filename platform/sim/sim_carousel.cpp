@@ -429,6 +429,7 @@ int hbb_sim_mounted_carousel(void) {
 // ---- carousel ------------------------------------------------------------------
 
 tQUMA_ErrorCode QUMA_MountCarouselObject(unsigned short componentTag) {
+    if (hbbsim::injected_failure(__func__)) return eQUMA_ERROR;
     tQUMA_ErrorCode result;
     {
         std::lock_guard<std::mutex> lock(carousel_mutex);
@@ -446,6 +447,7 @@ tQUMA_ErrorCode QUMA_MountCarouselObject(unsigned short componentTag) {
 }
 
 tQUMA_ErrorCode QUMA_UmountCarouselObject(const char* mountName) {
+    if (hbbsim::injected_failure(__func__)) return eQUMA_ERROR;
     {
         std::lock_guard<std::mutex> lock(carousel_mutex);
         mounted_tag = -1;
@@ -465,6 +467,7 @@ void DSMCC_Disconnect(void) {
 // The simulator reads the tree afresh on every call: there is no file cache
 // to empty.
 int DSMCC_DeleteAllFileFromFSA(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     hbbsim::record("DSMCC_DeleteAllFileFromFSA", "-> 0");
     return 0;
 }
@@ -473,6 +476,7 @@ int DSMCC_DeleteAllFileFromFSA(void) {
 
 DSMCC_LoaderResult DSMCC_LoaderGetEntryInfo(const char* dvbUrl, DSMCC_LoaderEntryType* entryType,
                                             unsigned short* moduleId) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     unsigned short module = 0;
@@ -494,6 +498,7 @@ DSMCC_LoaderResult DSMCC_LoaderGetEntryInfo(const char* dvbUrl, DSMCC_LoaderEntr
 
 DSMCC_LoaderResult DSMCC_LoaderGetFile(const char* dvbUrl, unsigned char** data,
                                        unsigned int* length) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     {
@@ -522,6 +527,7 @@ DSMCC_LoaderResult DSMCC_LoaderGetFile(const char* dvbUrl, unsigned char** data,
 
 DSMCC_LoaderResult DSMCC_LoaderGetDirectory(const char* dvbUrl, char** records,
                                             unsigned int* length) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     std::string root;
@@ -543,6 +549,7 @@ DSMCC_LoaderResult DSMCC_LoaderGetDirectory(const char* dvbUrl, char** records,
 
 DSMCC_LoaderResult DSMCC_LoaderGetStreamEventList(const char* dvbUrl, char** names,
                                                   unsigned int* length) {
+    if (hbbsim::injected_failure(__func__)) return DSMCC_LOADER_ERROR;
     DSMCC_LoaderResult result;
     Entry entry;
     {

@@ -240,6 +240,7 @@ extern "C" {
 // ---- porting layer: records ----------------------------------------------
 
 Channel* channel_create(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     auto* channel = static_cast<Channel*>(std::calloc(1, sizeof(Channel)));
     hbbsim::record("channel_create", "-> %s", channel ? "record" : "null");
     return channel;
@@ -253,6 +254,7 @@ void channel_destroy(Channel* channel) {
 }
 
 int getCurrentChannelData(Channel* channel) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (channel) {
         std::lock_guard<std::mutex> lock(channels_mutex);
@@ -269,6 +271,7 @@ int getCurrentChannelData(Channel* channel) {
 // ---- porting layer: getters ----------------------------------------------
 
 Channel* hbbGetCurrentChannel(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     Channel* channel = nullptr;
     {
         std::lock_guard<std::mutex> lock(channels_mutex);
@@ -279,6 +282,7 @@ Channel* hbbGetCurrentChannel(void) {
 }
 
 ChannelList* hbbGetChannelList(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     ChannelList* list = nullptr;
     {
         std::lock_guard<std::mutex> lock(channels_mutex);
@@ -290,6 +294,7 @@ ChannelList* hbbGetChannelList(void) {
 }
 
 Channel* hbbGetChannelByPosition(int position) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     Channel* channel = record_at(position);
     hbbsim::record("hbbGetChannelByPosition", "position=%d -> %s", position,
                    describe(channel).c_str());
@@ -297,6 +302,7 @@ Channel* hbbGetChannelByPosition(int position) {
 }
 
 Channel* hbbGetChannel(const char* channelID) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     Channel* channel = nullptr;
     if (channelID) {
         channel = find_record([&](const SimChannel& c) { return c.ccid && *c.ccid == channelID; });
@@ -307,6 +313,7 @@ Channel* hbbGetChannel(const char* channelID) {
 }
 
 Channel* hbbGetChannelByTriplet(int onid, int tsid, int sid) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     Channel* channel = find_record([&](const SimChannel& c) {
         return c.onid == onid && c.tsid == tsid && c.sid == sid;
     });
@@ -316,6 +323,7 @@ Channel* hbbGetChannelByTriplet(int onid, int tsid, int sid) {
 }
 
 Channel* hbbGetChannelByDsd(const char* dsd, int sid) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     Channel* channel = nullptr;
     if (dsd) {
         channel = find_record([&](const SimChannel& c) { return c.dsd && *c.dsd == dsd && c.sid == sid; });
@@ -328,6 +336,7 @@ Channel* hbbGetChannelByDsd(const char* dsd, int sid) {
 // ---- porting layer: tuning -----------------------------------------------
 
 int hbbSetChannel(Channel* channel, int quiet) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int position = -1;
     if (channel) {
         std::lock_guard<std::mutex> lock(channels_mutex);
@@ -342,6 +351,7 @@ int hbbSetChannel(Channel* channel, int quiet) {
 }
 
 int hbbPreviousChannel(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int position = step_position(-1);
     hbbsim::record("hbbPreviousChannel", "-> %d (position %d)", position < 0 ? -1 : 0, position);
     if (position < 0) return -1;
@@ -350,6 +360,7 @@ int hbbPreviousChannel(void) {
 }
 
 int hbbNextChannel(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int position = step_position(+1);
     hbbsim::record("hbbNextChannel", "-> %d (position %d)", position < 0 ? -1 : 0, position);
     if (position < 0) return -1;
@@ -358,6 +369,7 @@ int hbbNextChannel(void) {
 }
 
 int hbbStopChannel(void) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     {
         std::lock_guard<std::mutex> lock(channels_mutex);
         presenting = false;
@@ -367,6 +379,7 @@ int hbbStopChannel(void) {
 }
 
 int hbbBindCurrentChannel(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     {
         std::lock_guard<std::mutex> lock(channels_mutex);
@@ -380,6 +393,7 @@ int hbbBindCurrentChannel(void) {
 }
 
 int hbbReleaseChannelResources(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     {
         std::lock_guard<std::mutex> lock(channels_mutex);
         presenting = false;

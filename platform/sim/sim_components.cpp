@@ -144,6 +144,7 @@ void tell_selection(int type) {
 }
 
 int count(const char* function, int type, bool active_only) {
+    if (hbbsim::injected_failure(function)) return 0;
     int n = 0;
     hbbsim::Triplet channel;
     if (current(&channel)) {
@@ -156,6 +157,7 @@ int count(const char* function, int type, bool active_only) {
 
 template <typename Record>
 Record* item(const char* function, int type, int index, bool active_only) {
+    if (hbbsim::injected_failure(function)) return nullptr;
     Record* r = nullptr;
     hbbsim::Triplet channel;
     if (current(&channel)) {
@@ -172,6 +174,7 @@ Record* item(const char* function, int type, int index, bool active_only) {
 // component of its type (select) or inactive (unselect). 0, or -1 when the
 // current channel has no such component.
 int select(const char* function, const SimComponent* wanted, bool on) {
+    if (hbbsim::injected_failure(function)) return -1;
     int result = -1;
     hbbsim::Triplet channel;
     if (wanted && current(&channel)) {
@@ -193,6 +196,7 @@ int select(const char* function, const SimComponent* wanted, bool on) {
 
 // Select the first component of a type / unselect all of them.
 int select_by_type(const char* function, int type, bool on) {
+    if (hbbsim::injected_failure(function)) return -1;
     int result = -1;
     hbbsim::Triplet channel;
     if (current(&channel)) {
@@ -212,6 +216,7 @@ int select_by_type(const char* function, int type, bool on) {
 // Adds a component the page described to the current channel: its index
 // among the channel's components of its type, or -1.
 int create(const char* function, std::optional<SimComponent> component) {
+    if (hbbsim::injected_failure(function)) return -1;
     int index = -1;
     hbbsim::Triplet channel;
     if (component && current(&channel)) {

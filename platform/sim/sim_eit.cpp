@@ -121,25 +121,9 @@ std::atomic<int> client_count{0};
 
 std::atomic<bool> trace_events{true};
 
-// Failure injection: function name -> calls left before the failing one.
-std::mutex failures_mutex;
-std::map<std::string, int> failures;
-std::atomic<bool> failures_armed{false};
-
 // Read on every event, so kept lock-free; set before a scan starts.
 std::atomic<hbb_sim_eit_event_hook_fn> event_hook{nullptr};
 std::atomic<void*> event_hook_user{nullptr};
-
-bool inject_failure(const char* function) {
-    if (!failures_armed.load(std::memory_order_relaxed)) return false;
-    std::lock_guard<std::mutex> lock(failures_mutex);
-    auto found = failures.find(function);
-    if (found == failures.end()) return false;
-    if (--found->second > 0) return false;
-    failures.erase(found);
-    failures_armed = !failures.empty();
-    return true;
-}
 
 Cursor* cursor_of(int handle) {
     if (handle < 0 || handle >= kMaxClients) return nullptr;
@@ -392,8 +376,9 @@ extern "C" {
 // ---- clients and cursors ------------------------------------------------------
 
 int EIT_DVB_ClientRegister(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int handle = -1;
-    if (!inject_failure("EIT_DVB_ClientRegister")) {
+    {
         std::lock_guard<std::mutex> lock(clients_mutex);
         for (int i = 0; i < kMaxClients; ++i) {
             if (!cursors[i].in_use.load()) {
@@ -421,7 +406,7 @@ int EIT_DVB_ClientUnregister(int handle) {
             result = 0;
         }
     }
-    if (result == 0 && inject_failure("EIT_DVB_ClientUnregister")) result = -1;
+    if (result == 0 && hbbsim::injected_failure(__func__)) return -1;
     hbbsim::record("EIT_DVB_ClientUnregister", "handle=%d -> %d", handle, result);
     return result;
 }
@@ -429,6 +414,7 @@ int EIT_DVB_ClientUnregister(int handle) {
 // Service cursors move under the cache lock (taken here when the caller
 // does not hold it; it is recursive).
 int EIT_DVB_GetFirstServiceCache(int handle) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     int result = 0;
     {
         std::lock_guard<std::recursive_mutex> lock(cache_lock);
@@ -443,6 +429,7 @@ int EIT_DVB_GetFirstServiceCache(int handle) {
 }
 
 int EIT_DVB_GetNextServiceCache(int handle) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     int result = 0;
     {
         std::lock_guard<std::recursive_mutex> lock(cache_lock);
@@ -461,6 +448,7 @@ int EIT_DVB_GetNextServiceCache(int handle) {
 }
 
 int EIT_DVB_GetServiceCacheForSpecificService(int handle, int onid, int tsid, int sid) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     {
         std::lock_guard<std::recursive_mutex> lock(cache_lock);
@@ -476,6 +464,7 @@ int EIT_DVB_GetServiceCacheForSpecificService(int handle, int onid, int tsid, in
 }
 
 int EIT_DVB_GetFirstEventFromCacheNonLock(int handle) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     int result = 0;
     if (Cursor* cursor = locked_cursor(handle)) {
         cursor->event = 0;
@@ -488,6 +477,7 @@ int EIT_DVB_GetFirstEventFromCacheNonLock(int handle) {
 }
 
 int EIT_DVB_GetNextEventFromCacheNonLock(int handle) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     int result = 0;
     if (Cursor* cursor = locked_cursor(handle)) {
         if (cursor->event >= 0) {
@@ -502,6 +492,7 @@ int EIT_DVB_GetNextEventFromCacheNonLock(int handle) {
 }
 
 int EIT_DVB_GetNextEventFromCache(int handle) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     int result = 0;
     {
         std::lock_guard<std::recursive_mutex> lock(cache_lock);
@@ -521,23 +512,22 @@ int EIT_DVB_GetNextEventFromCache(int handle) {
 }
 
 int EIT_DVB_GetEventDataNonLock(int handle, tEIT_DVB_HbbTVDescriptor* event) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     Cursor* cursor = locked_cursor(handle);
     const SimEvent* found = cursor != nullptr ? event_under(*cursor) : nullptr;
     if (found != nullptr && event != nullptr) {
         if (hbb_sim_eit_event_hook_fn hook = event_hook.load(std::memory_order_acquire))
             hook(handle, found->event_id, event_hook_user.load(std::memory_order_acquire));
-        if (!inject_failure("EIT_DVB_GetEventDataNonLock")) {
-            const SimService& service = services[static_cast<size_t>(cursor->service)];
-            event->eitName = found->name ? const_cast<char*>(found->name->c_str()) : nullptr;
-            event->eitStartTime = found->start_time;
-            event->eitDuration = found->duration;
-            event->eitEventID = found->event_id;
-            event->eitOnid = service.onid;
-            event->eitTsid = service.tsid;
-            event->eitSid = service.sid;
-            result = 0;
-        }
+        const SimService& service = services[static_cast<size_t>(cursor->service)];
+        event->eitName = found->name ? const_cast<char*>(found->name->c_str()) : nullptr;
+        event->eitStartTime = found->start_time;
+        event->eitDuration = found->duration;
+        event->eitEventID = found->event_id;
+        event->eitOnid = service.onid;
+        event->eitTsid = service.tsid;
+        event->eitSid = service.sid;
+        result = 0;
     }
     if (trace_events.load(std::memory_order_relaxed))
         hbbsim::record("EIT_DVB_GetEventDataNonLock", "handle=%d -> %d", handle, result);
@@ -545,10 +535,11 @@ int EIT_DVB_GetEventDataNonLock(int handle, tEIT_DVB_HbbTVDescriptor* event) {
 }
 
 int EIT_DVB_GetRestOfEventDataNonLock(int handle, tEIT_DVB_HbbTVDescriptor* event) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     Cursor* cursor = locked_cursor(handle);
     const SimEvent* found = cursor != nullptr ? event_under(*cursor) : nullptr;
-    if (found != nullptr && event != nullptr && !inject_failure("EIT_DVB_GetRestOfEventDataNonLock")) {
+    if (found != nullptr && event != nullptr) {
         std::vector<std::string> short_texts;
         if (found->short_text) short_texts.push_back(*found->short_text);
         tEIT_DVB_EventDescriptor short_desc{};
@@ -571,15 +562,12 @@ int EIT_DVB_GetRestOfEventDataNonLock(int handle, tEIT_DVB_HbbTVDescriptor* even
 // ---- cache lock --------------------------------------------------------------------
 
 int EIT_DVB_LockCache(void) {
-    int result = -1;
-    if (!inject_failure("EIT_DVB_LockCache")) {
-        cache_lock.lock();
-        ++cache_lock_depth;
-        ++cache_holders;
-        result = 0;
-    }
-    hbbsim::record("EIT_DVB_LockCache", "depth=%d -> %d", cache_lock_depth, result);
-    return result;
+    if (hbbsim::injected_failure(__func__)) return -1;
+    cache_lock.lock();
+    ++cache_lock_depth;
+    ++cache_holders;
+    hbbsim::record("EIT_DVB_LockCache", "depth=%d -> 0", cache_lock_depth);
+    return 0;
 }
 
 // Unlocking a lock this thread does not hold is refused rather than left
@@ -591,8 +579,9 @@ int EIT_DVB_UnlockCache(void) {
         --cache_holders;
         --cache_lock_depth;
         cache_lock.unlock();
-        result = inject_failure("EIT_DVB_UnlockCache") ? -1 : 0;
+        result = 0;
     }
+    if (result == 0 && hbbsim::injected_failure(__func__)) return -1;
     hbbsim::record("EIT_DVB_UnlockCache", "depth=%d -> %d", cache_lock_depth, result);
     return result;
 }
@@ -600,6 +589,7 @@ int EIT_DVB_UnlockCache(void) {
 // ---- text conversion -----------------------------------------------------------------
 
 char* mUT_ConvertCurStdToUTF8(const unsigned char* dvbText, int dvbLength, int* utf8Length) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     char* converted = nullptr;
     if (dvbText && dvbLength >= 0) {
         std::string text = convert(dvbText, static_cast<size_t>(dvbLength));
@@ -738,24 +728,6 @@ int hbb_sim_eit_client_count(void) { return client_count.load(); }
 int hbb_sim_eit_cache_locked(void) { return cache_holders.load() > 0 ? 1 : 0; }
 
 void hbb_sim_eit_trace_event_calls(int enabled) { trace_events = enabled != 0; }
-
-int hbb_sim_eit_fail_call(const char* function, int nth) {
-    static const char* const kFailable[] = {
-        "EIT_DVB_ClientRegister",      "EIT_DVB_ClientUnregister",
-        "EIT_DVB_LockCache",           "EIT_DVB_UnlockCache",
-        "EIT_DVB_GetEventDataNonLock", "EIT_DVB_GetRestOfEventDataNonLock"};
-    if (function == nullptr) return -1;
-    bool known = false;
-    for (const char* name : kFailable) known = known || std::strcmp(name, function) == 0;
-    if (!known) return -1;
-    std::lock_guard<std::mutex> lock(failures_mutex);
-    if (nth <= 0)
-        failures.erase(function);
-    else
-        failures[function] = nth;
-    failures_armed = !failures.empty();
-    return 0;
-}
 
 void hbb_sim_eit_set_event_hook(hbb_sim_eit_event_hook_fn fn, void* user) {
     event_hook_user.store(user, std::memory_order_release);

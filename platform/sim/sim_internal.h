@@ -60,6 +60,12 @@ hbb_sim_listeners listeners();
 // back into the control API.
 void record(const char* function, const char* details_format, ...) HBB_PRINTF_LIKE(2, 3);
 
+// True when the fault plan (sim_faults.cpp) fails this call of a failable
+// porting function: the call is then traced as an injected failure and the
+// caller answers its failure value. Every failable function asks first,
+// holding no simulator lock.
+bool injected_failure(const char* function);
+
 // Printable rendering of a possibly null text, for call details.
 inline const char* text_or_null(const char* text) { return text ? text : "(null)"; }
 
@@ -81,5 +87,6 @@ void reset_notifier();
 void reset_programmes();
 void reset_components();
 void reset_stream_events();
+void reset_faults();
 
 }  // namespace hbbsim

@@ -45,6 +45,7 @@ void reset_notifications() {
 extern "C" {
 
 int QUMAm_Broadcast_SubscribeForAIT(QUMAm_AitUpdateCallback callback) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = store(ait_callback, callback);
     hbbsim::record("QUMAm_Broadcast_SubscribeForAIT", "callback=%s -> %d",
                    callback ? "set" : "null", result);
@@ -52,6 +53,7 @@ int QUMAm_Broadcast_SubscribeForAIT(QUMAm_AitUpdateCallback callback) {
 }
 
 int QUMAm_Broadcast_NetworkStatusChangeCallback(QUMAm_NetworkStatusCallback callback) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = store(network_callback, callback);
     hbbsim::record("QUMAm_Broadcast_NetworkStatusChangeCallback", "callback=%s -> %d",
                    callback ? "set" : "null", result);
@@ -59,6 +61,7 @@ int QUMAm_Broadcast_NetworkStatusChangeCallback(QUMAm_NetworkStatusCallback call
 }
 
 int QUMAm_DSMCCModuleDataChangeCallback(QUMAm_ModuleDataChangeCallback callback) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = store(module_callback, callback);
     hbbsim::record("QUMAm_DSMCCModuleDataChangeCallback", "callback=%s -> %d",
                    callback ? "set" : "null", result);

@@ -87,6 +87,7 @@ int hbbGetCurrentTime(void) {
 }
 
 int hbbGetFreeMemory(void) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int kilobytes = snapshot().free_memory_kb;
     hbbsim::record("hbbGetFreeMemory", "-> %d", kilobytes);
     return kilobytes;
@@ -99,6 +100,7 @@ int hbbExitKeyHandle(void) {
 }
 
 int orb_am_sendBroadcast(const char* action) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     hbbsim::record("orb_am_sendBroadcast", "action=%s -> 0", hbbsim::text_or_null(action));
     return 0;
 }
@@ -106,6 +108,7 @@ int orb_am_sendBroadcast(const char* action) {
 // Simulated later: a table of locations served by player applications. Until
 // then no location is, and playerUrl is left unchanged.
 int tvh_mds_get_player_url(const char* location, char* playerUrl, int playerUrlSize) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     (void)playerUrl;
     hbbsim::record("tvh_mds_get_player_url", "location=%s size=%d -> -1",
                    hbbsim::text_or_null(location), playerUrlSize);
@@ -118,6 +121,7 @@ int tvh_mds_get_player_url(const char* location, char* playerUrl, int playerUrlS
 thread_local ParentalRatingSchemeCollection scheme_record{0};
 
 ParentalRatingSchemeCollection* hbbGetParentalRatingSchemes(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     const int count = snapshot().rating_schemes;
     ParentalRatingSchemeCollection* schemes = nullptr;
     if (count > 0) {
@@ -131,6 +135,7 @@ ParentalRatingSchemeCollection* hbbGetParentalRatingSchemes(void) {
 void hbbReleaseParentalRatingSchemes(void) { hbbsim::record("hbbReleaseParentalRatingSchemes", "-"); }
 
 ParentalRating* hbbGetCurrentParentalRatingThreshold(const char* schemeName) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     int value = snapshot().parental_threshold;
     auto* rating = static_cast<ParentalRating*>(std::calloc(1, sizeof(ParentalRating)));
     if (rating) {
@@ -150,6 +155,7 @@ ParentalRating* hbbGetCurrentParentalRatingThreshold(const char* schemeName) {
 }
 
 int hbbHasCapability(const char* profileName) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     int has = 0;
     if (profileName) {
         std::lock_guard<std::mutex> lock(answers_mutex);
@@ -160,6 +166,7 @@ int hbbHasCapability(const char* profileName) {
 }
 
 VideoDecodes* hbbGetVideoDecodes(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     const SettableAnswers a = snapshot();
     VideoDecodes* decodes = nullptr;
     if (a.extra_sd_decodes >= 0 && a.extra_hd_decodes >= 0) {
@@ -174,6 +181,7 @@ VideoDecodes* hbbGetVideoDecodes(void) {
 }
 
 char* hbbGetXmlCapabilities(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     char* document = nullptr;
     {
         std::lock_guard<std::mutex> lock(answers_mutex);
@@ -184,6 +192,7 @@ char* hbbGetXmlCapabilities(void) {
 }
 
 Configuration* hbbGetConfiguration(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     Configuration* config = nullptr;
     std::lock_guard<std::mutex> lock(answers_mutex);
     if (answers.configuration) {

@@ -99,6 +99,7 @@ void restoreCoordinates(void) {
 }
 
 int hbbSetVideoFullScreen(int fullScreen) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     {
         std::lock_guard<std::mutex> lock(presentation_mutex);
         if (fullScreen) {
@@ -112,6 +113,7 @@ int hbbSetVideoFullScreen(int fullScreen) {
 }
 
 int hbbSetVideoProperties(int top, int left, int width, int height) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (top >= 0 && left >= 0 && width > 0 && height > 0) {
         std::lock_guard<std::mutex> lock(presentation_mutex);
@@ -151,6 +153,7 @@ void hbbSetDisplayMode(int mode) {
 }
 
 int fpi_zoom_get_current_display_window(fpi_zoom_setting_window_t* window) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (window) {
         *window = kZoomWindow;
@@ -163,6 +166,7 @@ int fpi_zoom_get_current_display_window(fpi_zoom_setting_window_t* window) {
 // ---- decoders -------------------------------------------------------------------
 
 int hbbOpenDtvDecoderByMask(int mask) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     {
         std::lock_guard<std::mutex> lock(presentation_mutex);
         state.open_decoders |= mask;
@@ -172,6 +176,7 @@ int hbbOpenDtvDecoderByMask(int mask) {
 }
 
 int hbbCloseDtvDecoderByMask(int mask) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     {
         std::lock_guard<std::mutex> lock(presentation_mutex);
         state.open_decoders &= ~mask;
@@ -187,6 +192,7 @@ void hbbWaitingVodDecoderRelease(void) { hbbsim::record("hbbWaitingVodDecoderRel
 // ---- keys ------------------------------------------------------------------------
 
 int hbbRegisterKeySet(int mask) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (mask >= 0 && mask <= kKeySetMaximum) {
         std::lock_guard<std::mutex> lock(presentation_mutex);

@@ -114,6 +114,7 @@ extern "C" {
 // ---- porting layer -----------------------------------------------------------------
 
 ProgrammeCollection* hbbGetProgrammeList(void) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     hbbsim::Triplet channel;
     ProgrammeCollection* list = nullptr;
     if (hbbsim::current_channel(&channel, nullptr)) {
@@ -129,6 +130,7 @@ ProgrammeCollection* hbbGetProgrammeList(void) {
 }
 
 Programme* hbbGetProgrammeItem(int index) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     hbbsim::Triplet channel;
     std::string ccid;
     Programme* item = nullptr;
@@ -145,6 +147,7 @@ Programme* hbbGetProgrammeItem(int index) {
 
 int hbbGetSIDescriptorsLength(const char* channelID, const char* eventID, int descriptorTag,
                               int descriptorTagExtension, int privateDataSpecifier) {
+    if (hbbsim::injected_failure(__func__)) return 0;
     int count = 0;
     {
         std::lock_guard<std::mutex> lock(programmes_mutex);
@@ -161,6 +164,7 @@ int hbbGetSIDescriptorsLength(const char* channelID, const char* eventID, int de
 
 char* hbbGetSIDescriptorsItem(const char* channelID, const char* eventID, int descriptorTag,
                               int descriptorTagExtension, int position) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     char* item = nullptr;
     {
         std::lock_guard<std::mutex> lock(programmes_mutex);
@@ -182,6 +186,7 @@ char* hbbGetSIDescriptorsItem(const char* channelID, const char* eventID, int de
 
 // Programmes are found by the ccid of their channel and their programme id.
 char* hbbGetProgrammeLongDescription(const char* channelID, const char* eventID) {
+    if (hbbsim::injected_failure(__func__)) return nullptr;
     char* text = nullptr;
     if (channelID && eventID) {
         std::lock_guard<std::mutex> lock(programmes_mutex);

@@ -65,6 +65,7 @@ extern "C" {
 
 int QUMA_StreamEventsSubscribe(const char* eventName, const char* targetURL,
                                tQUMAm_DSMCC_StreamEventCallback callback) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (eventName && targetURL && callback) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
@@ -78,6 +79,7 @@ int QUMA_StreamEventsSubscribe(const char* eventName, const char* targetURL,
 }
 
 int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (eventName && targetURL) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);
@@ -101,6 +103,7 @@ int QUMA_StreamEventsUnsubscribe(const char* eventName, const char* targetURL) {
 int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* eventName,
                                   const char* targetURL, unsigned short eventId,
                                   tQUMAm_DSMCC_StreamEventCallback callback) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     bool listed = false;
     bool by_list = false;
@@ -130,6 +133,7 @@ int QUMA_StreamEventsWOCSubscribe(unsigned short componentTag, const char* event
 // The library narrows the event id to 8 bits here: the match uses those.
 int QUMA_StreamEventsWOCUnsubscribe(unsigned short componentTag, const char* eventName,
                                     const char* targetURL, unsigned short eventId) {
+    if (hbbsim::injected_failure(__func__)) return -1;
     int result = -1;
     if (eventName && targetURL) {
         std::lock_guard<std::mutex> lock(subscriptions_mutex);

@@ -104,6 +104,7 @@ void hbb_sim_reset(void) {
     hbbsim::reset_programmes();
     hbbsim::reset_components();
     hbbsim::reset_stream_events();
+    hbbsim::reset_faults();
 }
 
 }  // extern "C"

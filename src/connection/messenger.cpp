@@ -412,7 +412,11 @@ APPMGR_API void messenger_close_connection(Messenger_t* d_msg) {
     appmgr::c_entry_void(__func__, [&] { close_connection(d_msg); });
 }
 
-int messenger_setup_server(Messenger_t* d_msg) {
+}  // extern "C"
+
+namespace {
+
+int setup_server(Messenger_t* d_msg) {
     int fd = new_stream_socket();
     if (fd < 0) {
         AM_ERROR("MESSENGER: socket creation failed");
@@ -459,7 +463,7 @@ int messenger_setup_server(Messenger_t* d_msg) {
     return 0;
 }
 
-int messenger_connect_client(Messenger_t* d_msg) {
+int connect_client(Messenger_t* d_msg) {
     int fd = new_stream_socket();
     if (fd < 0) {
         AM_ERROR("MESSENGER: socket creation failed");
@@ -478,8 +482,7 @@ int messenger_connect_client(Messenger_t* d_msg) {
     return 0;
 }
 
-void* manager_srv_task(void* arg) {
-    auto* d_msg = static_cast<Messenger_t*>(arg);
+void serve(Messenger_t* d_msg) {
     if (messenger_setup_server(d_msg) != 0 && !stop_requested(d_msg))
         AM_ERROR("MESSENGER-TASK-SERVER: Server error");
     set_state(d_msg, MESSENGER_STATE_STARTED);
@@ -511,13 +514,9 @@ void* manager_srv_task(void* arg) {
         if (!stop_requested(d_msg)) AM_ERROR("MESSENGER-TASK-SERVER: Server error");
         break;
     }
-    set_state(d_msg, MESSENGER_STATE_STOPPING);
-    AM_INFO("MESSENGER-TASK: Done!");
-    return nullptr;
 }
 
-void* manager_msg_task(void* arg) {
-    auto* d_msg = static_cast<Messenger_t*>(arg);
+void receive_as_client(Messenger_t* d_msg) {
     set_state(d_msg, MESSENGER_STATE_STARTED);
     for (;;) {
         int fd = connection_fd(d_msg);
@@ -536,9 +535,33 @@ void* manager_msg_task(void* arg) {
             AM_ERROR("MESSENGER-TASK-CLIENT: socket closed (%s)", d_msg->name);
         break;
     }
+}
+
+// Runs a receive thread's loop. Nothing thrown inside (std::bad_alloc from
+// a socket path or a handler's strings) may reach the thread's start, which
+// would end the process: the loop then ends as a failed connection does.
+void* run_receive_thread(void* arg, void (*loop)(Messenger_t*), const char* name) {
+    auto* d_msg = static_cast<Messenger_t*>(arg);
+    appmgr::c_entry_void(name, [&] { loop(d_msg); });
     set_state(d_msg, MESSENGER_STATE_STOPPING);
     AM_INFO("MESSENGER-TASK: Done!");
     return nullptr;
 }
+
+}  // namespace
+
+extern "C" {
+
+int messenger_setup_server(Messenger_t* d_msg) {
+    return appmgr::c_entry(__func__, -1, [&] { return setup_server(d_msg); });
+}
+
+int messenger_connect_client(Messenger_t* d_msg) {
+    return appmgr::c_entry(__func__, -1, [&] { return connect_client(d_msg); });
+}
+
+void* manager_srv_task(void* arg) { return run_receive_thread(arg, serve, __func__); }
+
+void* manager_msg_task(void* arg) { return run_receive_thread(arg, receive_as_client, __func__); }
 
 }  // extern "C"

@@ -157,7 +157,9 @@ void on_browser_crashed() {
     if (g_wait_thread.joinable()) g_wait_thread.join();
     try {
         g_wait_thread = std::thread(wait_after_crash);
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
+        // No thread (std::system_error) or no memory for its state
+        // (std::bad_alloc): the crash is handled without a wait.
         AM_ERROR("cannot start the browser wait thread");
         pthread_mutex_lock(&appmgr_mutex);
         --g_waits;

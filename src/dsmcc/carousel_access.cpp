@@ -23,6 +23,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -52,6 +53,13 @@ struct DescriptorHolder {
     void* loader_buffer;  // DSMCC_LoaderRelease
     char* own_buffer;     // free
 };
+
+// A loader's list, released however the listing built from it ends (a
+// string that cannot grow throws std::bad_alloc).
+struct LoaderRelease {
+    void operator()(char* buffer) const { DSMCC_LoaderRelease(buffer); }
+};
+using LoaderList = std::unique_ptr<char, LoaderRelease>;
 
 // Serialises the "is it mounted? then mount" decisions so that concurrent
 // requests for the same carousel mount it once.
@@ -332,9 +340,9 @@ HbbFileSystemEntryDescriptor* hbbGetDsmccDirContent(const char* uri) {
         return DSMCC_LoaderGetDirectory(target.loader_url.c_str(), &records, &length);
     });
     if (result != DSMCC_LOADER_OK) return nullptr;
+    const LoaderList held(records);
     if (length > kMaxPayloadLength || (records == nullptr && length != 0)) {
         AM_ERROR("carousel directory %s refused: %u bytes\n", target.loader_url.c_str(), length);
-        DSMCC_LoaderRelease(records);
         return nullptr;
     }
     // One line per entry: kind digit, blank, name.
@@ -351,7 +359,6 @@ HbbFileSystemEntryDescriptor* hbbGetDsmccDirContent(const char* uri) {
         listing.append(record + 1, size - 1);
         listing.push_back('\n');
     });
-    DSMCC_LoaderRelease(records);
     return text_descriptor(eHBBTV_FS_ENTRY_DIR_TYPE, listing);
 }
 
@@ -366,9 +373,9 @@ HbbFileSystemEntryDescriptor* hbbGetDsmccStreamEventList(const char* uri) {
         return DSMCC_LoaderGetStreamEventList(target.loader_url.c_str(), &names, &length);
     });
     if (result != DSMCC_LOADER_OK) return nullptr;
+    const LoaderList held(names);
     if (length > kMaxPayloadLength || (names == nullptr && length != 0)) {
         AM_ERROR("stream-event list %s refused: %u bytes\n", target.loader_url.c_str(), length);
-        DSMCC_LoaderRelease(names);
         return nullptr;
     }
     // The event names separated by ",", the form listeners match names in;
@@ -383,7 +390,6 @@ HbbFileSystemEntryDescriptor* hbbGetDsmccStreamEventList(const char* uri) {
         if (!list.empty()) list.push_back(',');
         list.append(name, size);
     });
-    DSMCC_LoaderRelease(names);
     return text_descriptor(eHBBTV_FS_ENTRY_STE_TYPE, list);
 }
 

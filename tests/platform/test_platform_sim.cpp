@@ -358,3 +358,228 @@ TEST_F(PlatformSim, DescribedEventsNeedAComponentOfTheCurrentChannel) {
 }
 
 }  // namespace
+
+namespace {
+
+// What a porting call answered, in the words of hbb_sim_failable_function.
+std::string answer(const void* record) { return record ? "record" : "null"; }
+std::string answer(int value) { return std::to_string(value); }
+std::string answer(tQUMA_ErrorCode code) {
+    return code == eQUMA_ERROR ? "eQUMA_ERROR" : std::to_string(static_cast<int>(code));
+}
+std::string answer(DSMCC_LoaderResult result) {
+    return result == DSMCC_LOADER_ERROR ? "DSMCC_LOADER_ERROR" : std::to_string(static_cast<int>(result));
+}
+
+int registered_client = -1;
+void noop_event(char*, char*, tQUMAm_DSMCC_StreamEventStatus, char*, int) {}
+void noop_ait(AitTable*) {}
+int noop_status(int) { return 0; }
+void noop_module(unsigned short, unsigned char, void*) {}
+
+// One call of every failable function, with arguments it accepts.
+#define CALL(function, ...) {#function, [] { return answer(function(__VA_ARGS__)); }}
+struct FailableCall {
+    const char* function;
+    std::string (*call)();
+};
+AVVideoComponent video{};
+AVAudioComponent audio{};
+AVSubtitleComponent subtitle{};
+Channel tuned{};
+unsigned char* bytes = nullptr;
+char* text = nullptr;
+unsigned int length = 0;
+DSMCC_LoaderEntryType entry_type;
+unsigned short module_id = 0;
+fpi_zoom_setting_window_t window;
+tEIT_DVB_HbbTVDescriptor eit_event;
+char player_url[64];
+const FailableCall kCalls[] = {
+    CALL(QUMAm_Broadcast_SubscribeForAIT, noop_ait),
+    CALL(QUMAm_Broadcast_NetworkStatusChangeCallback, noop_status),
+    CALL(QUMAm_DSMCCModuleDataChangeCallback, noop_module),
+    CALL(QUMA_MountCarouselObject, 1),
+    CALL(QUMA_UmountCarouselObject, "DSM://"),
+    CALL(DSMCC_DeleteAllFileFromFSA),
+    CALL(DSMCC_LoaderGetEntryInfo, "dvb://1.2.3.1/a", &entry_type, &module_id),
+    CALL(DSMCC_LoaderGetFile, "dvb://1.2.3.1/a", &bytes, &length),
+    CALL(DSMCC_LoaderGetDirectory, "dvb://1.2.3.1/", &text, &length),
+    CALL(DSMCC_LoaderGetStreamEventList, "dvb://1.2.3.1/ev", &text, &length),
+    CALL(QUMA_StreamEventsSubscribe, "go", "dvb://1.2.3.1/ev", noop_event),
+    CALL(QUMA_StreamEventsUnsubscribe, "go", "dvb://1.2.3.1/ev"),
+    CALL(QUMA_StreamEventsWOCSubscribe, 1, "go", "http://a/ev", 1, noop_event),
+    CALL(QUMA_StreamEventsWOCUnsubscribe, 1, "go", "http://a/ev", 1),
+    CALL(channel_create),
+    CALL(getCurrentChannelData, &tuned),
+    CALL(hbbGetCurrentChannel),
+    CALL(hbbGetChannelList),
+    CALL(hbbGetChannelByPosition, 0),
+    CALL(hbbGetChannel, "ccid:a"),
+    CALL(hbbGetChannelByTriplet, 1, 2, 3),
+    CALL(hbbGetChannelByDsd, "dsd-a", 3),
+    CALL(hbbSetChannel, &tuned, 0),
+    CALL(hbbPreviousChannel),
+    CALL(hbbNextChannel),
+    CALL(hbbStopChannel),
+    CALL(hbbBindCurrentChannel),
+    CALL(hbbReleaseChannelResources),
+    CALL(hbbGetProgrammeList),
+    CALL(hbbGetProgrammeItem, 0),
+    CALL(hbbGetSIDescriptorsLength, "ccid:a", "1", 0x4d, -1, -1),
+    CALL(hbbGetSIDescriptorsItem, "ccid:a", "1", 0x4d, -1, 0),
+    CALL(hbbGetProgrammeLongDescription, "ccid:a", "1"),
+    CALL(hbbSelectDefaultAVComponent, 0),
+    CALL(hbbUnselectAVComponentByType, 0),
+    CALL(hbbSelectAVVideoComponent, &video),
+    CALL(hbbUnselectAVVideoComponent, &video),
+    CALL(hbbSelectAVAudioComponent, &audio),
+    CALL(hbbUnselectAVAudioComponent, &audio),
+    CALL(hbbSelectAVSubtitleComponent, &subtitle),
+    CALL(hbbUnselectAVSubtitleComponent, &subtitle),
+    CALL(hbbGetAVComponentsLength, 0),
+    CALL(hbbGetActiveAVComponentsLength, 0),
+    CALL(hbbGetVideoComponentItem, 0),
+    CALL(hbbGetAudioComponentItem, 0),
+    CALL(hbbGetSubtitleComponentItem, 0),
+    CALL(hbbGetActiveVideoComponentItem, 0),
+    CALL(hbbGetActiveAudioComponentItem, 0),
+    CALL(hbbGetActiveSubtitleComponentItem, 0),
+    CALL(hbbtvSelectAVComponentByType, 0),
+    CALL(hbbtvUnselectAVComponentByType, 0),
+    CALL(hbbtvSelectAVVideoComponent, &video),
+    CALL(hbbtvUnselectAVVideoComponent, &video),
+    CALL(hbbtvSelectAVAudioComponent, &audio),
+    CALL(hbbtvUnselectAVAudioComponent, &audio),
+    CALL(hbbtvSelectAVSubtitleComponent, &subtitle),
+    CALL(hbbtvUnselectAVSubtitleComponent, &subtitle),
+    CALL(hbbtvGetAVComponentsLength, 0),
+    CALL(hbbtvGetActiveAVComponentsLength, 0),
+    CALL(hbbtvGetVideoComponentItem, 0),
+    CALL(hbbtvGetAudioComponentItem, 0),
+    CALL(hbbtvGetSubtitleComponentItem, 0),
+    CALL(hbbtvGetActiveVideoComponentItem, 0),
+    CALL(hbbtvGetActiveAudioComponentItem, 0),
+    CALL(hbbtvGetActiveSubtitleComponentItem, 0),
+    CALL(hbbtvCreateAVVideoComponent, &video),
+    CALL(hbbtvCreateAVAudioComponent, &audio),
+    CALL(hbbOpenDtvDecoderByMask, 1),
+    CALL(hbbCloseDtvDecoderByMask, 1),
+    CALL(hbbSetVideoFullScreen, 1),
+    CALL(hbbSetVideoProperties, 0, 0, 640, 360),
+    CALL(fpi_zoom_get_current_display_window, &window),
+    CALL(hbbRegisterKeySet, 0x1f),
+    CALL(hbbGetParentalRatingSchemes),
+    CALL(hbbGetCurrentParentalRatingThreshold, "dvb-si"),
+    CALL(hbbHasCapability, "+DL"),
+    CALL(hbbGetVideoDecodes),
+    CALL(hbbGetXmlCapabilities),
+    CALL(hbbGetConfiguration),
+    CALL(EIT_DVB_ClientRegister),
+    CALL(EIT_DVB_ClientUnregister, registered_client),
+    CALL(EIT_DVB_GetFirstServiceCache, registered_client),
+    CALL(EIT_DVB_GetNextServiceCache, registered_client),
+    CALL(EIT_DVB_GetServiceCacheForSpecificService, registered_client, 1, 2, 3),
+    CALL(EIT_DVB_LockCache),
+    CALL(EIT_DVB_UnlockCache),
+    CALL(EIT_DVB_GetFirstEventFromCacheNonLock, registered_client),
+    CALL(EIT_DVB_GetNextEventFromCacheNonLock, registered_client),
+    CALL(EIT_DVB_GetNextEventFromCache, registered_client),
+    CALL(EIT_DVB_GetEventDataNonLock, registered_client, &eit_event),
+    CALL(EIT_DVB_GetRestOfEventDataNonLock, registered_client, &eit_event),
+    CALL(mUT_ConvertCurStdToUTF8, reinterpret_cast<const unsigned char*>("a"), 1, nullptr),
+    CALL(hbbGetFreeMemory),
+    CALL(orb_am_sendBroadcast, "orb.broadcast.stop.hbbtv.portal"),
+    CALL(tvh_mds_get_player_url, "http://a/", player_url, sizeof player_url),
+};
+#undef CALL
+
+// Every function of the fault plan fails as its entry says when its turn
+// comes, and the trace shows the failure was the plan's.
+TEST_F(PlatformSim, EachFailableFunctionFailsAsListed) {
+    addTwoChannels();
+    ASSERT_EQ(0, hbb_sim_set_current_channel(0));
+    ASSERT_EQ(0, hbb_sim_eit_feed_line("event 1 2 3 1 1700000000 60|News|Short"));
+    registered_client = EIT_DVB_ClientRegister();
+    ASSERT_GE(registered_client, 0);
+    ASSERT_NE(0, EIT_DVB_GetFirstServiceCache(registered_client));
+    ASSERT_EQ(0, EIT_DVB_LockCache());
+    ASSERT_NE(0, EIT_DVB_GetFirstEventFromCacheNonLock(registered_client));
+
+    int listed = 0;
+    const char* failure = nullptr;
+    for (const char* function; (function = hbb_sim_failable_function(listed, &failure)) != nullptr;
+         ++listed) {
+        SCOPED_TRACE(function);
+        const FailableCall* row = nullptr;
+        for (const FailableCall& c : kCalls)
+            if (std::strcmp(c.function, function) == 0) row = &c;
+        ASSERT_NE(nullptr, row) << "no call for it in this test";
+        // The release calls fail after releasing: take the lock once more
+        // for the unlock, which must leave it held once (for the calls
+        // below it) afterwards.
+        if (std::strcmp(function, "EIT_DVB_UnlockCache") == 0) {
+            ASSERT_EQ(0, EIT_DVB_LockCache());
+        }
+        ASSERT_EQ(0, hbb_sim_fail_call(function, 1));
+        const std::string expected(failure, std::strcspn(failure, " "));
+        EXPECT_EQ(expected, row->call());
+        char details[64];
+        hbb_sim_last_call(function, details, sizeof details);
+        EXPECT_STREQ("injected failure", details);
+        EXPECT_EQ(1, hbb_sim_injected_failures(details, sizeof details));
+        EXPECT_STREQ(function, details);
+    }
+    EXPECT_EQ(static_cast<int>(sizeof kCalls / sizeof kCalls[0]), listed);
+    // The failed unregister and unlock released all the same.
+    EXPECT_EQ(0, hbb_sim_eit_client_count());
+    EXPECT_EQ(1, hbb_sim_eit_cache_locked());
+    EXPECT_EQ(0, EIT_DVB_UnlockCache());
+    EXPECT_EQ(0, hbb_sim_eit_cache_locked());
+    hbb_sim_eit_clear();
+}
+
+TEST_F(PlatformSim, FaultPlansCountFailableCallsAndFailTheNth) {
+    addTwoChannels();
+    EXPECT_EQ(-1, hbb_sim_fail_call("hbbGetState", 1)) << "no failure answer";
+    EXPECT_EQ(-1, hbb_sim_fail_call("noSuchFunction", 1));
+    EXPECT_EQ(-1, hbb_sim_eit_fail_call("hbbGetChannelList", 1));
+
+    // Counting only: non-failable calls are not counted.
+    ASSERT_EQ(0, hbb_sim_fail_call(nullptr, 0));
+    hbbGetState();
+    channel_destroy(hbbGetChannelByPosition(0));
+    EXPECT_EQ(1, hbb_sim_failable_calls());
+
+    // The third failable call of any function fails, and only that one.
+    ASSERT_EQ(0, hbb_sim_fail_call(nullptr, 3));
+    EXPECT_NE(nullptr, hbbGetChannelList());
+    EXPECT_EQ(0, hbbRegisterKeySet(1));
+    EXPECT_EQ(-1, hbbRegisterKeySet(2));
+    EXPECT_EQ(0, hbbRegisterKeySet(3));
+    EXPECT_EQ(3, hbb_sim_registered_keyset());
+    EXPECT_EQ(4, hbb_sim_failable_calls());
+    char last[8];
+    EXPECT_EQ(1, hbb_sim_injected_failures(last, sizeof last));
+    EXPECT_STREQ("hbbRegi", last) << "cut to the buffer";
+
+    // A named plan counts that function's calls only, beside a plan for any.
+    ASSERT_EQ(0, hbb_sim_fail_call("hbbHasCapability", 2));
+    ASSERT_EQ(0, hbb_sim_fail_call(nullptr, 2));
+    EXPECT_EQ(0, hbbHasCapability("x"));
+    EXPECT_EQ(-1, hbbSetVideoFullScreen(1)) << "second call of any function";
+    EXPECT_EQ(0, hbbHasCapability("x")) << "second call of the named one";
+    EXPECT_EQ(2, hbb_sim_injected_failures(nullptr, 0));
+    EXPECT_EQ(0, hbbSetVideoFullScreen(1));
+
+    // Cancelled plans and reset plans fail nothing.
+    ASSERT_EQ(0, hbb_sim_fail_call("hbbRegisterKeySet", 1));
+    ASSERT_EQ(0, hbb_sim_fail_call("hbbRegisterKeySet", 0));
+    EXPECT_EQ(0, hbbRegisterKeySet(1));
+    ASSERT_EQ(0, hbb_sim_fail_call(nullptr, 1));
+    hbb_sim_reset();
+    EXPECT_EQ(0, hbbRegisterKeySet(1));
+    EXPECT_EQ(0, hbb_sim_injected_failures(nullptr, 0));
+}
+
+}  // namespace

@@ -32,7 +32,8 @@ int hbb_sim_last_call(const char* function, char* buf, int buf_size);
  * programmes, components and stream-event subscriptions, drops the
  * notifications not yet delivered (stopping the notifier thread), and puts
  * every other simulated state (display, keys, decoders, video window,
- * settable answers) back to its start value. Log settings and hooks stay. */
+ * settable answers, fault plans) back to its start value. Log settings and
+ * hooks stay. */
 void hbb_sim_reset(void);
 
 /* ---- logging -------------------------------------------------------------
@@ -222,16 +223,46 @@ int hbb_sim_eit_cache_locked(void);
  * this is on (the default). A large scan is then traced call by call;
  * benchmarks turn it off. */
 void hbb_sim_eit_trace_event_calls(int enabled);
-/* The nth call from now (1 = the next) of the named EIT function fails
- * (EIT_DVB_ClientRegister, EIT_DVB_ClientUnregister, EIT_DVB_LockCache,
- * EIT_DVB_UnlockCache, EIT_DVB_GetEventDataNonLock,
- * EIT_DVB_GetRestOfEventDataNonLock); 0 cancels. -1 for another name. */
+/* hbb_sim_fail_call (below) for the EIT_DVB_* functions only: -1 for any
+ * other name. */
 int hbb_sim_eit_fail_call(const char* function, int nth);
 /* Called by EIT_DVB_GetEventDataNonLock on the scanning thread, with the
  * cache lock held, before it fills the event: lets a test hold a scan at an
  * event. Null clears it. */
 typedef void (*hbb_sim_eit_event_hook_fn)(int handle, int event_id, void* user);
 void hbb_sim_eit_set_event_hook(hbb_sim_eit_event_hook_fn fn, void* user);
+
+/* ---- fault plan -------------------------------------------------------------
+ * Every porting function whose contract has a failure answer (a null record,
+ * an error code, an empty list or a count of 0) can be made to fail on
+ * purpose. A failing call answers that failure and does nothing else, with
+ * two exceptions: EIT_DVB_UnlockCache and EIT_DVB_ClientUnregister still
+ * release (a caller cannot retry a release; the failure is only reported).
+ * It is traced with the details "injected failure". Functions without a
+ * failure answer (void calls, logging, hbbGetState, hbbGetCurrentTime,
+ * hbbExitKeyHandle) never fail.
+ *
+ * Calls of failable functions are counted, so that a test can run a
+ * scenario once to count them and then fail each call in turn. Plans and
+ * counts go with hbb_sim_reset. */
+
+/* The nth failable call from now (1 = the next) fails: a call of the named
+ * function, or of any failable function when function is null. The plan for
+ * any function and one plan per name run side by side; nth 0 cancels the
+ * plan. Restarts the counts below. 0, or -1 for a function that cannot
+ * fail. */
+int hbb_sim_fail_call(const char* function, int nth);
+/* Failable calls made (failed or not) since the last hbb_sim_fail_call or
+ * reset. */
+int hbb_sim_failable_calls(void);
+/* Calls failed by a plan since the last hbb_sim_fail_call or reset;
+ * function, when not null, receives the name of the last one ("" when none;
+ * always terminated, cut to size - 1 characters). */
+int hbb_sim_injected_failures(char* function, int size);
+/* The failable functions, by index from 0: the name, and in *failure (may
+ * be null) what it answers when it fails ("null", "-1", "0",
+ * "DSMCC_LOADER_ERROR", ...). Null past the last one. */
+const char* hbb_sim_failable_function(int index, const char** failure);
 
 /* ---- settable answers ---------------------------------------------------------- */
 
