@@ -16,6 +16,7 @@
 #include "app_mgr_state.h"
 #include "browser_standin.h"
 #include "common/seams.h"
+#include "common/threads.h"
 #include "epg/epg.h"
 #include "epg/query_eval.h"
 #include "epg/search_task.h"
@@ -249,7 +250,7 @@ void report_live_searches() {
     for (int id = 0; id < created; ++id) wait_end_of_search();
     memory_kib(&size2, &rss2);
     std::printf("\n128 live searches (stack %zu KiB each):\n",
-                appmgr::epg::kSearchTaskStackSize / 1024);
+                appmgr::threads::stack_size(appmgr::threads::Kind::Search) / 1024);
     std::printf("  created: %d\n", created);
     std::printf("  idle:            address space +%ld KiB (%.1f KiB per search), resident +%ld KiB\n",
                 size1 - size0, static_cast<double>(size1 - size0) / created, rss1 - rss0);

@@ -32,6 +32,7 @@
 #include "common/atomic_word.h"
 #include "common/c_api.h"
 #include "common/log.h"
+#include "common/threads.h"
 #include "connection/connection.h"
 
 namespace appmgr::messenger {
@@ -255,8 +256,8 @@ ErrorType_t start_messenger(Messenger_t* d_msg) {
         drop_control(d_msg);
         return RET_ERROR;
     }
-    int err = ::pthread_create(&d_msg->t_msg_dispatcher, nullptr,
-                               client ? manager_msg_task : manager_srv_task, d_msg);
+    int err = appmgr::threads::start(&d_msg->t_msg_dispatcher, appmgr::threads::Kind::Receive,
+                                     client ? manager_msg_task : manager_srv_task, d_msg);
     if (err != 0) {
         if (client)
             AM_ERROR("MESSENGER: msg_task error (%d)", err);
@@ -465,6 +466,7 @@ int messenger_connect_client(Messenger_t* d_msg) {
 }
 
 void* manager_srv_task(void* arg) {
+    appmgr::threads::StackWatch stack_watch(appmgr::threads::Kind::Receive);
     auto* d_msg = static_cast<Messenger_t*>(arg);
     if (messenger_setup_server(d_msg) != 0 && !stop_requested(d_msg))
         AM_ERROR("MESSENGER-TASK-SERVER: Server error");
@@ -503,6 +505,7 @@ void* manager_srv_task(void* arg) {
 }
 
 void* manager_msg_task(void* arg) {
+    appmgr::threads::StackWatch stack_watch(appmgr::threads::Kind::Receive);
     auto* d_msg = static_cast<Messenger_t*>(arg);
     set_state(d_msg, MESSENGER_STATE_STARTED);
     for (;;) {
