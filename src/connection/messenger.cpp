@@ -160,8 +160,8 @@ enum class Event { Readable, Stopped, Stalled, Failed };
 
 // Blocks until fd is readable, the messenger is asked to stop, or queued
 // frames have waited too long; writes queued frames as the socket allows.
-Event wait_event(const Messenger_t* m, int fd) {
-    auto control = find_control(m);
+// `control` is the messenger's (null for one that was never started).
+Event wait_event(Control* control, int fd) {
     for (;;) {
         if (control && control->stopping.load()) return Event::Stopped;
         bool pending = false;
@@ -211,18 +211,40 @@ void unlink_path(const std::string& path) {
 
 enum class Received { Delivered, Closed, Exit };
 
+// The receive buffer of a receiving thread. Before every receive the bytes
+// of the previous block and its terminator are cleared, not the whole
+// 4 KiB: a request is a few dozen bytes. The byte after each block is set
+// to zero on receipt, so the block is terminated whatever a callback wrote
+// into the buffer before; the zero is not counted in the length. One spare
+// byte keeps even a full 4096-byte block terminated.
+class ReceiveBuffer {
+public:
+    ReceiveBuffer() { std::memset(bytes_, 0, sizeof(bytes_)); }
+    char* clear() {
+        std::memset(bytes_, 0, used_);
+        used_ = 0;
+        return bytes_;
+    }
+    void received(std::size_t length) {
+        bytes_[length] = '\0';
+        used_ = length + 1;
+    }
+
+private:
+    char bytes_[kReceiveBufferSize + 1];
+    std::size_t used_ = 0;
+};
+
 // Receives one block and hands it to the callback.
-Received receive_one(Messenger_t* m, int fd, bool log_block) {
-    // One spare byte keeps even a full 4096-byte block terminated for the
-    // handlers' text parsing; the terminator is not counted in the length.
-    char buffer[kReceiveBufferSize + 1];
-    std::memset(buffer, 0, sizeof(buffer));
+Received receive_one(Messenger_t* m, int fd, ReceiveBuffer& receive, bool log_block) {
+    char* buffer = receive.clear();
     ssize_t n;
     do {
         n = ::recv(fd, buffer, kReceiveBufferSize, MSG_DONTWAIT);
     } while (n < 0 && errno == EINTR);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Received::Delivered;
     if (n <= 0) return Received::Closed;
+    receive.received(static_cast<std::size_t>(n));
 
     if (log_block) AM_INFO("msg_task received -> %s", buffer);
     int result = m->cb_func ? m->cb_func(m, buffer, static_cast<int>(n)) : 0;
@@ -428,7 +450,7 @@ int messenger_setup_server(Messenger_t* d_msg) {
     }
 
     int client = -1;
-    if (wait_event(d_msg, fd) == Event::Readable)
+    if (wait_event(find_control(d_msg).get(), fd) == Event::Readable)
         client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
     // Only one client is served per set-up: the listening socket goes at once.
     messenger_close_connection(d_msg);
@@ -473,6 +495,9 @@ void* manager_srv_task(void* arg) {
     set_state(d_msg, MESSENGER_STATE_STARTED);
     const appmgr::connection::ConnectionRow* row =
         appmgr::connection::row_for_port(d_msg->msg_port);
+    // Looked up once: the thread ends before its control is dropped.
+    const std::shared_ptr<Control> control = find_control(d_msg);
+    ReceiveBuffer buffer;
 
     for (;;) {
         int fd = connection_fd(d_msg);
@@ -480,10 +505,10 @@ void* manager_srv_task(void* arg) {
             if (!stop_requested(d_msg)) AM_ERROR("MESSENGER-TASK: Invalid socket");
             break;
         }
-        Event e = wait_event(d_msg, fd);
+        Event e = wait_event(control.get(), fd);
         if (e == Event::Stopped) break;
         if (e == Event::Readable) {
-            Received r = receive_one(d_msg, fd, true);
+            Received r = receive_one(d_msg, fd, buffer, true);
             if (r == Received::Delivered) continue;
             if (r == Received::Exit) break;
         }
@@ -508,16 +533,18 @@ void* manager_msg_task(void* arg) {
     appmgr::threads::StackWatch stack_watch(appmgr::threads::Kind::Receive);
     auto* d_msg = static_cast<Messenger_t*>(arg);
     set_state(d_msg, MESSENGER_STATE_STARTED);
+    const std::shared_ptr<Control> control = find_control(d_msg);
+    ReceiveBuffer buffer;
     for (;;) {
         int fd = connection_fd(d_msg);
         if (fd <= 0) {
             AM_ERROR("MESSENGER-TASK: Invalid socket");
             break;
         }
-        Event e = wait_event(d_msg, fd);
+        Event e = wait_event(control.get(), fd);
         if (e == Event::Stopped) break;
         if (e == Event::Readable) {
-            Received r = receive_one(d_msg, fd, false);
+            Received r = receive_one(d_msg, fd, buffer, false);
             if (r == Received::Delivered) continue;
             if (r == Received::Exit) break;
         }
