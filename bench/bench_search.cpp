@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <vector>
 #include <string>
 #include <thread>
 
@@ -20,6 +21,7 @@
 #include "epg/epg.h"
 #include "epg/query_eval.h"
 #include "epg/search_task.h"
+#include "figures.h"
 #include "hbb_sim.h"
 
 using appmgr::standin::BrowserStandin;
@@ -200,23 +202,6 @@ SEARCH_BENCHMARK(BM_SearchStartTimeRange);
 SEARCH_BENCHMARK(BM_LoopProgrammeId);
 SEARCH_BENCHMARK(BM_SearchProgrammeId);
 
-// Keeps the medians (and the found counts) for the ratio table.
-class Collector : public benchmark::ConsoleReporter {
-public:
-    std::map<std::string, double> median_ms;
-    std::map<std::string, double> found;
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.aggregate_name != "median") continue;
-            const std::string name = run.run_name.function_name;
-            median_ms[name] = run.GetAdjustedRealTime();
-            auto counter = run.counters.find("found");
-            if (counter != run.counters.end()) found[name] = counter->second.value;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
-
 // VmSize and VmRSS of this process, in KiB.
 void memory_kib(long* size, long* rss) {
     *size = *rss = -1;
@@ -262,23 +247,38 @@ void report_live_searches() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const appmgr::bench::FiguresFile figures(&argc, argv);
     benchmark::Initialize(&argc, argv);
-    Collector collector;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    appmgr::bench::Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
-    const char* kinds[] = {"TitleContains", "StartTimeRange", "ProgrammeId"};
+    const struct {
+        const char* kind;
+        const char* what;
+    } kinds[] = {{"TitleContains", "title contains \"news\""},
+                 {"StartTimeRange", "start time in a 20.7 h range"},
+                 {"ProgrammeId", "programme id equal to one id"}};
     std::printf("\nscan / plain loop (medians, %d events):\n", kServices * kEventsPerService);
-    for (const char* kind : kinds) {
-        const std::string search = std::string("BM_Search") + kind;
-        const std::string loop = std::string("BM_Loop") + kind;
-        if (!collector.median_ms.count(search) || !collector.median_ms.count(loop)) continue;
-        std::printf("  %-15s search %7.2f ms (found %.0f)  loop %7.2f ms (found %.0f)  ratio %.2f\n",
-                    kind, collector.median_ms[search], collector.found[search],
-                    collector.median_ms[loop], collector.found[loop],
-                    collector.median_ms[search] / collector.median_ms[loop]);
+    std::vector<std::string> rows;
+    for (const auto& k : kinds) {
+        const std::string search = std::string("BM_Search") + k.kind;
+        const std::string loop = std::string("BM_Loop") + k.kind;
+        const auto found = collector.counter(search, "found");
+        const std::string matches = found ? std::to_string(static_cast<long>(*found)) : "?";
+        appmgr::bench::Row row{"EPG search of 100,000 events, " + std::string(k.what) + " (" +
+                                   matches + " found), start to end-of-search callback",
+                               collector.time_ns(search), "plain loop over the same cache",
+                               collector.time_ns(loop), "1.5", ""};
+        rows.push_back(appmgr::bench::table_row(row));
+        std::printf("  %s\n", rows.back().c_str());
     }
     setup();
     create_searches();
     report_live_searches();
     benchmark::Shutdown();
+    if (!figures.write(rows)) {
+        std::fprintf(stderr, "appmgr-bench-search: cannot write the figures\n");
+        return 1;
+    }
     return 0;
 }
