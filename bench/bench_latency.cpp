@@ -49,7 +49,7 @@
 #include "http_test_server.h"
 #include "state/state.h"
 #ifdef APPMGR_LATENCY_WEB_BROWSER
-#include "browser_process.h"
+#include "node_program.h"
 #endif
 
 namespace bench = appmgr::bench;
@@ -479,7 +479,8 @@ bool measure_first_paint(const std::string& dir, Latency& out, PaintParts& parts
     set_up_receiver(APPMGR_WEB_BROWSER_DATA "/carousel/");
     appmgr::seams::set_browser_wait_seconds(30);
     std::thread first([] { applicationManagerInit(); });
-    auto browser = appmgr::test::BrowserProcess::browser(dir);
+    auto browser = std::make_unique<appmgr::webbrowser::NodeProgram>(
+        appmgr::webbrowser::browserScript(), std::vector<std::string>{"--socket-dir", dir});
     first.join();
     bool ok = browser->started() && browser->waitEvent("connected", 30000);
     if (!ok) *why = "the browser did not start";
