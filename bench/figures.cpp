@@ -31,11 +31,6 @@ double Samples::percentile(double p) const {
     return sorted[index];
 }
 
-void Samples::report(benchmark::State& state) const {
-    state.counters["p50_ns"] = percentile(50);
-    state.counters["p99_ns"] = percentile(99);
-}
-
 // ---- cores -----------------------------------------------------------------------------
 
 namespace {
@@ -80,6 +75,27 @@ bool pin_process_to_one_core() {
     CPU_ZERO(&one);
     CPU_SET(core, &one);
     return set_every_thread(one);
+}
+
+bool pin_process_apart() {
+    if (!g_remembered || CPU_COUNT(&g_all_cores) < 2) return false;
+    int mine = sched_getcpu();
+    if (mine < 0 || !CPU_ISSET(mine, &g_all_cores)) mine = -1;
+    int other = -1;
+    for (int i = 0; i < CPU_SETSIZE; ++i) {
+        if (!CPU_ISSET(i, &g_all_cores)) continue;
+        if (mine < 0)
+            mine = i;
+        else if (i != mine && other < 0)
+            other = i;
+    }
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(other, &set);
+    if (!set_every_thread(set)) return false;
+    CPU_ZERO(&set);
+    CPU_SET(mine, &set);
+    return sched_setaffinity(0, sizeof(set), &set) == 0;
 }
 
 void unpin_process() {

@@ -31,8 +31,6 @@ public:
     std::size_t size() const { return ns_.size(); }
     // The p-th percentile (0..100, nearest rank); 0 without samples.
     double percentile(double p) const;
-    // p50 and p99 as counters of the benchmark ("p50_ns", "p99_ns").
-    void report(benchmark::State& state) const;
 
 private:
     std::vector<double> ns_;
@@ -44,6 +42,9 @@ private:
 // back on every core the process started with. Threads started later
 // inherit the calling thread's set.
 bool pin_process_to_one_core();
+// The calling thread on one core, every other thread on another: each
+// wake-up crosses cores. False with fewer than two usable cores.
+bool pin_process_apart();
 void unpin_process();
 // Called once at start-up, before any thread exists: remembers the cores
 // the process may use.
