@@ -5,10 +5,12 @@
 // live searches. See README.md.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <vector>
 #include <string>
 #include <thread>
 
@@ -16,9 +18,11 @@
 #include "app_mgr_state.h"
 #include "browser_standin.h"
 #include "common/seams.h"
+#include "common/threads.h"
 #include "epg/epg.h"
 #include "epg/query_eval.h"
 #include "epg/search_task.h"
+#include "figures.h"
 #include "hbb_sim.h"
 
 using appmgr::standin::BrowserStandin;
@@ -101,26 +105,18 @@ void create_searches() {
     set_single(3, eProgrammeID, eEqual, kProgrammeId);
 }
 
-// One search, start to end-of-search callback, timed by hand (the clock
-// runs from the start request to the browser's receipt).
-void run_search(benchmark::State& state, int id) {
-    setup();
-    create_searches();
-    int found = 0;
-    for (auto _ : state) {
-        auto begin = std::chrono::steady_clock::now();
-        hbbStartSearch(1, id, 0, 5000);
-        found = wait_end_of_search();
-        auto end = std::chrono::steady_clock::now();
-        state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
-        // The next start drops these results; the abort keeps the pool free
-        // for the other searches of the run.
-        state.PauseTiming();
-        hbbAbortSearch(1, id);
-        wait_end_of_search();
-        state.ResumeTiming();
-    }
-    state.counters["found"] = found;
+// One search, from the start request to the browser's receipt of the
+// end-of-search callback. Returns its duration; *found gets its count.
+double search_once(int id, int* found) {
+    const auto begin = std::chrono::steady_clock::now();
+    hbbStartSearch(1, id, 0, 5000);
+    *found = wait_end_of_search();
+    const auto end = std::chrono::steady_clock::now();
+    // The next start drops these results; the abort keeps the pool free
+    // for the other searches of the run.
+    hbbAbortSearch(1, id);
+    wait_end_of_search();
+    return std::chrono::duration<double>(end - begin).count();
 }
 
 void release_descriptors(tEIT_DVB_HbbTVDescriptor& e) {
@@ -156,65 +152,55 @@ int plain_loop(Matches&& matches) {
     return found;
 }
 
-template <typename Matches>
-void run_loop(benchmark::State& state, Matches&& matches) {
+bool title_contains(const tEIT_DVB_HbbTVDescriptor& e) {
+    return appmgr::epg::contains_ignore_case(e.eitName, "news");
+}
+bool start_in_range(const tEIT_DVB_HbbTVDescriptor& e) {
+    return e.eitStartTime >= kRangeFrom && e.eitStartTime < kRangeTo;
+}
+bool programme_id_equal(const tEIT_DVB_HbbTVDescriptor& e) {
+    char id[appmgr::epg::kProgrammeIdSize];
+    appmgr::epg::format_programme_id(e, id);
+    return std::strcmp(id, kProgrammeId) == 0;
+}
+
+// Search id (1 title contains, 2 start-time range, 3 programme id) and the
+// plain loop's comparison for it.
+struct Query {
+    int id;
+    bool (*matches)(const tEIT_DVB_HbbTVDescriptor&);
+};
+constexpr Query kQueries[] = {{1, title_contains}, {2, start_in_range}, {3, programme_id_equal}};
+
+// The search and the plain loop alternate, one of each per iteration, so
+// that both see the same moments of a shared machine. The iteration's time
+// is the search's; the medians of both are counters ("search_ns",
+// "loop_ns"), with the numbers of events each found.
+void BM_SearchBesideLoop(benchmark::State& state) {
     setup();
-    int found = 0;
+    create_searches();
+    const Query& query = kQueries[state.range(0) - 1];
+    std::vector<double> search_s, loop_s;
+    int found = 0, loop_found = 0;
     for (auto _ : state) {
         auto begin = std::chrono::steady_clock::now();
-        found = plain_loop(matches);
-        auto end = std::chrono::steady_clock::now();
-        state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
+        loop_found = plain_loop(query.matches);
+        loop_s.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+        search_s.push_back(search_once(query.id, &found));
+        state.SetIterationTime(search_s.back());
     }
+    auto median = [](std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        return v.empty() ? 0.0 : v[v.size() / 2] * 1e9;
+    };
+    state.counters["search_ns"] = median(search_s);
+    state.counters["loop_ns"] = median(loop_s);
     state.counters["found"] = found;
+    state.counters["loop_found"] = loop_found;
+    if (found != loop_found) state.SkipWithError("the search and the loop found different counts");
 }
-
-void BM_SearchTitleContains(benchmark::State& state) { run_search(state, 1); }
-void BM_LoopTitleContains(benchmark::State& state) {
-    run_loop(state, [](const tEIT_DVB_HbbTVDescriptor& e) {
-        return appmgr::epg::contains_ignore_case(e.eitName, "news");
-    });
-}
-void BM_SearchStartTimeRange(benchmark::State& state) { run_search(state, 2); }
-void BM_LoopStartTimeRange(benchmark::State& state) {
-    run_loop(state, [](const tEIT_DVB_HbbTVDescriptor& e) {
-        return e.eitStartTime >= kRangeFrom && e.eitStartTime < kRangeTo;
-    });
-}
-void BM_SearchProgrammeId(benchmark::State& state) { run_search(state, 3); }
-void BM_LoopProgrammeId(benchmark::State& state) {
-    run_loop(state, [](const tEIT_DVB_HbbTVDescriptor& e) {
-        char id[appmgr::epg::kProgrammeIdSize];
-        appmgr::epg::format_programme_id(e, id);
-        return std::strcmp(id, kProgrammeId) == 0;
-    });
-}
-
-#define SEARCH_BENCHMARK(name) \
-    BENCHMARK(name)->UseManualTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly()
-SEARCH_BENCHMARK(BM_LoopTitleContains);
-SEARCH_BENCHMARK(BM_SearchTitleContains);
-SEARCH_BENCHMARK(BM_LoopStartTimeRange);
-SEARCH_BENCHMARK(BM_SearchStartTimeRange);
-SEARCH_BENCHMARK(BM_LoopProgrammeId);
-SEARCH_BENCHMARK(BM_SearchProgrammeId);
-
-// Keeps the medians (and the found counts) for the ratio table.
-class Collector : public benchmark::ConsoleReporter {
-public:
-    std::map<std::string, double> median_ms;
-    std::map<std::string, double> found;
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.aggregate_name != "median") continue;
-            const std::string name = run.run_name.function_name;
-            median_ms[name] = run.GetAdjustedRealTime();
-            auto counter = run.counters.find("found");
-            if (counter != run.counters.end()) found[name] = counter->second.value;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
+BENCHMARK(BM_SearchBesideLoop)->ArgName("query")->DenseRange(1, 3)->Iterations(40)->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 // VmSize and VmRSS of this process, in KiB.
 void memory_kib(long* size, long* rss) {
@@ -249,7 +235,7 @@ void report_live_searches() {
     for (int id = 0; id < created; ++id) wait_end_of_search();
     memory_kib(&size2, &rss2);
     std::printf("\n128 live searches (stack %zu KiB each):\n",
-                appmgr::epg::kSearchTaskStackSize / 1024);
+                appmgr::threads::stack_size(appmgr::threads::Kind::Search) / 1024);
     std::printf("  created: %d\n", created);
     std::printf("  idle:            address space +%ld KiB (%.1f KiB per search), resident +%ld KiB\n",
                 size1 - size0, static_cast<double>(size1 - size0) / created, rss1 - rss0);
@@ -261,23 +247,33 @@ void report_live_searches() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const appmgr::bench::FiguresFile figures(&argc, argv);
     benchmark::Initialize(&argc, argv);
-    Collector collector;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    appmgr::bench::Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
-    const char* kinds[] = {"TitleContains", "StartTimeRange", "ProgrammeId"};
+    const char* what[] = {"title contains \"news\"", "start time in a 20.7 h range",
+                          "programme id equal to one id"};
     std::printf("\nscan / plain loop (medians, %d events):\n", kServices * kEventsPerService);
-    for (const char* kind : kinds) {
-        const std::string search = std::string("BM_Search") + kind;
-        const std::string loop = std::string("BM_Loop") + kind;
-        if (!collector.median_ms.count(search) || !collector.median_ms.count(loop)) continue;
-        std::printf("  %-15s search %7.2f ms (found %.0f)  loop %7.2f ms (found %.0f)  ratio %.2f\n",
-                    kind, collector.median_ms[search], collector.found[search],
-                    collector.median_ms[loop], collector.found[loop],
-                    collector.median_ms[search] / collector.median_ms[loop]);
+    std::vector<std::string> rows;
+    for (int q = 1; q <= 3; ++q) {
+        const std::string name = "BM_SearchBesideLoop/query:" + std::to_string(q);
+        const auto found = collector.counter(name, "found");
+        const std::string matches = found ? std::to_string(static_cast<long>(*found)) : "?";
+        appmgr::bench::Row row{"EPG search of 100,000 events, " + std::string(what[q - 1]) + " (" +
+                                   matches + " found), start to end-of-search callback",
+                               collector.counter(name, "search_ns"), "plain loop over the same cache",
+                               collector.counter(name, "loop_ns"), "1.5", ""};
+        rows.push_back(appmgr::bench::table_row(row));
+        std::printf("  %s\n", rows.back().c_str());
     }
     setup();
     create_searches();
     report_live_searches();
     benchmark::Shutdown();
+    if (!figures.write(rows)) {
+        std::fprintf(stderr, "appmgr-bench-search: cannot write the figures\n");
+        return 1;
+    }
     return 0;
 }

@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
-# Installs what the build and the tests need, when any of it is missing:
-# the Debian 12 packages (clang and its runtimes build the fuzz targets;
-# dpkg-dev, fakeroot and file make and check the build's own Debian
-# packages), then the npm packages of the real browser
+# Installs what the build, the tests and the benchmarks need, when any of
+# it is missing: the Debian 12 packages (clang and its runtimes build the
+# fuzz targets; dpkg-dev, fakeroot and file make and check the build's own
+# Debian packages; libbenchmark-dev builds bench/), then the npm packages of
+# the real browser
 # (tools/web-browser) as pinned in its package-lock.json. Browsers come
 # from Debian's chromium package only; nothing downloads one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=(cmake ninja-build g++ pkg-config libcurl4-openssl-dev libxml2-dev
           libdvbpsi-dev zlib1g-dev
-          libgtest-dev libgmock-dev binutils openssl
+          libgtest-dev libgmock-dev libbenchmark-dev binutils openssl
           clang libclang-rt-dev
           dpkg-dev fakeroot file
           chromium nodejs php-cli php-xml)

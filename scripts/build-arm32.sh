@@ -25,7 +25,15 @@
 #  5. Prints the memory figures of bench/README.md (appmgr-memory).
 #
 # Usage: scripts/build-arm32.sh [extra ctest arguments]
+#        scripts/build-arm32.sh --memory [appmgr-memory arguments]
+# --memory builds only the library and appmgr-memory, runs no test, and
+# passes the rest to appmgr-memory (bench/run.sh uses it).
 set -euo pipefail
+memory_only=no
+if [ "${1:-}" = --memory ]; then
+  memory_only=yes
+  shift
+fi
 cd "$(dirname "$0")/.."
 root=$PWD
 build=$root/build-arm32
@@ -138,7 +146,11 @@ if command -v ccache >/dev/null; then
   cmake_args+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
 cmake "${cmake_args[@]}" >/dev/null
-cmake --build "$build" -j "$jobs"
+if [ $memory_only = yes ]; then
+  cmake --build "$build" -j "$jobs" --target app-mgr appmgr-memory
+else
+  cmake --build "$build" -j "$jobs"
+fi
 built=$SECONDS
 
 # ---- 4. tests under qemu-user ---------------------------------------------------
@@ -158,21 +170,29 @@ else
   # not through the emulator prefix ctest adds, so they need binfmt_misc.
   excluded=(emulator_builtin_scenario emulator_bad_scenarios emulator_concurrent_runs)
 fi
+memory_args=()
+if [ $memory_only = yes ]; then
+  memory_args=("$@")
+  set --
+fi
 ctest_args=(--test-dir "$build" --output-on-failure -j "$jobs" "$@")
 if [ ${#excluded[@]} -gt 0 ]; then
   echo "build-arm32: no binfmt_misc entry for ARM can be had here; excluded: ${excluded[*]}"
   ctest_args+=(-E "^($(IFS='|'; echo "${excluded[*]}"))\$")
 fi
-echo "build-arm32: running the tests under qemu-arm (binfmt_misc: $mode)"
 export QEMU_LD_PREFIX=$qemu_prefix
 tests_status=0
-if [ $mode = namespace ]; then
+if [ $memory_only = yes ]; then
+  echo "build-arm32: no tests (--memory)"
+elif [ $mode = namespace ]; then
+  echo "build-arm32: running the tests under qemu-arm (binfmt_misc: $mode)"
   unshare --user --map-root-user --mount bash -c '
     mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc &&
     cat "$1" >/proc/sys/fs/binfmt_misc/register || exit 1
     shift
     exec ctest "$@"' bash "$binfmt_conf" "${ctest_args[@]}" || tests_status=$?
 else
+  echo "build-arm32: running the tests under qemu-arm (binfmt_misc: $mode)"
   ctest "${ctest_args[@]}" || tests_status=$?
 fi
 tested=$SECONDS
@@ -181,7 +201,7 @@ tested=$SECONDS
 echo "build-arm32: memory of a process running libapp-mgr.so (armhf, under qemu-user)"
 # It moves into a private /tmp itself; under qemu (a process with threads
 # of its own) that takes the root of a user namespace.
-memory_run=(qemu-arm -L "$qemu_prefix" "$build/bench/appmgr-memory")
+memory_run=(qemu-arm -L "$qemu_prefix" "$build/bench/appmgr-memory" "${memory_args[@]}")
 [ $mode = namespace ] && memory_run=(unshare --user --map-root-user "${memory_run[@]}")
 memory_status=0
 "${memory_run[@]}" || memory_status=$?
@@ -191,4 +211,4 @@ echo "build-arm32: build $((built - started)) s, tests $((tested - built)) s," \
 [ ${#excluded[@]} -eq 0 ] || echo "build-arm32: tests excluded (no binfmt_misc): ${excluded[*]}"
 [ $tests_status -eq 0 ] || { echo "build-arm32: tests FAILED"; exit 1; }
 [ $memory_status -eq 0 ] || { echo "build-arm32: appmgr-memory FAILED"; exit 1; }
-echo "build-arm32: all tests passed"
+[ $memory_only = yes ] || echo "build-arm32: all tests passed"

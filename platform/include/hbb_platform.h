@@ -11,6 +11,13 @@
  * the library synchronously, and does not keep pointers it is given beyond
  * the call.
  *
+ * The library's own threads run on fixed stacks: 256 KiB for a browser
+ * receive thread, 64 KiB for a search thread, of which the library uses at
+ * most about 27 KiB and 10 KiB. A middleware whose functions need more sets
+ * the environment variable APPMGR_THREAD_STACK_KIB (a size in KiB) before
+ * applicationManagerInit; threads the library starts afterwards get at
+ * least that much.
+ *
  * Records returned by pointer are either "fresh" (allocated with malloc for
  * this call, text fields included; the library releases them with free(),
  * through channel_destroy or its own destroy function named in the comment)

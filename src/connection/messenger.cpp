@@ -33,6 +33,7 @@
 #include "common/c_api.h"
 #include "common/interruption.h"
 #include "common/log.h"
+#include "common/threads.h"
 #include "connection/connection.h"
 
 namespace appmgr::messenger {
@@ -160,8 +161,8 @@ enum class Event { Readable, Stopped, Stalled, Failed };
 
 // Blocks until fd is readable, the messenger is asked to stop, or queued
 // frames have waited too long; writes queued frames as the socket allows.
-Event wait_event(const Messenger_t* m, int fd) {
-    auto control = find_control(m);
+// `control` is the messenger's (null for one that was never started).
+Event wait_event(Control* control, int fd) {
     for (;;) {
         if (control && control->stopping.load()) return Event::Stopped;
         bool pending = false;
@@ -223,18 +224,40 @@ bool peer_gone(const void* context) {
 
 enum class Received { Delivered, Closed, Exit };
 
+// The receive buffer of a receiving thread. Before every receive the bytes
+// of the previous block and its terminator are cleared, not the whole
+// 4 KiB: a request is a few dozen bytes. The byte after each block is set
+// to zero on receipt, so the block is terminated whatever a callback wrote
+// into the buffer before; the zero is not counted in the length. One spare
+// byte keeps even a full 4096-byte block terminated.
+class ReceiveBuffer {
+public:
+    ReceiveBuffer() { std::memset(bytes_, 0, sizeof(bytes_)); }
+    char* clear() {
+        std::memset(bytes_, 0, used_);
+        used_ = 0;
+        return bytes_;
+    }
+    void received(std::size_t length) {
+        bytes_[length] = '\0';
+        used_ = length + 1;
+    }
+
+private:
+    char bytes_[kReceiveBufferSize + 1];
+    std::size_t used_ = 0;
+};
+
 // Receives one block and hands it to the callback.
-Received receive_one(Messenger_t* m, int fd, bool log_block) {
-    // One spare byte keeps even a full 4096-byte block terminated for the
-    // handlers' text parsing; the terminator is not counted in the length.
-    char buffer[kReceiveBufferSize + 1];
-    std::memset(buffer, 0, sizeof(buffer));
+Received receive_one(Messenger_t* m, int fd, ReceiveBuffer& receive, bool log_block) {
+    char* buffer = receive.clear();
     ssize_t n;
     do {
         n = ::recv(fd, buffer, kReceiveBufferSize, MSG_DONTWAIT);
     } while (n < 0 && errno == EINTR);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Received::Delivered;
     if (n <= 0) return Received::Closed;
+    receive.received(static_cast<std::size_t>(n));
 
     if (log_block) AM_INFO("msg_task received -> %s", buffer);
     appmgr::interruption::Scope interruptible(peer_gone, m);
@@ -269,8 +292,8 @@ ErrorType_t start_messenger(Messenger_t* d_msg) {
         drop_control(d_msg);
         return RET_ERROR;
     }
-    int err = ::pthread_create(&d_msg->t_msg_dispatcher, nullptr,
-                               client ? manager_msg_task : manager_srv_task, d_msg);
+    int err = appmgr::threads::start(&d_msg->t_msg_dispatcher, appmgr::threads::Kind::Receive,
+                                     client ? manager_msg_task : manager_srv_task, d_msg);
     if (err != 0) {
         if (client)
             AM_ERROR("MESSENGER: msg_task error (%d)", err);
@@ -445,7 +468,7 @@ int setup_server(Messenger_t* d_msg) {
     }
 
     int client = -1;
-    if (wait_event(d_msg, fd) == Event::Readable)
+    if (wait_event(find_control(d_msg).get(), fd) == Event::Readable)
         client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
     // Only one client is served per set-up: the listening socket goes at once.
     messenger_close_connection(d_msg);
@@ -488,6 +511,9 @@ void serve(Messenger_t* d_msg) {
     set_state(d_msg, MESSENGER_STATE_STARTED);
     const appmgr::connection::ConnectionRow* row =
         appmgr::connection::row_for_port(d_msg->msg_port);
+    // Looked up once: the thread ends before its control is dropped.
+    const std::shared_ptr<Control> control = find_control(d_msg);
+    ReceiveBuffer buffer;
 
     for (;;) {
         int fd = connection_fd(d_msg);
@@ -495,10 +521,10 @@ void serve(Messenger_t* d_msg) {
             if (!stop_requested(d_msg)) AM_ERROR("MESSENGER-TASK: Invalid socket");
             break;
         }
-        Event e = wait_event(d_msg, fd);
+        Event e = wait_event(control.get(), fd);
         if (e == Event::Stopped) break;
         if (e == Event::Readable) {
-            Received r = receive_one(d_msg, fd, true);
+            Received r = receive_one(d_msg, fd, buffer, true);
             if (r == Received::Delivered) continue;
             if (r == Received::Exit) break;
         }
@@ -518,16 +544,18 @@ void serve(Messenger_t* d_msg) {
 
 void receive_as_client(Messenger_t* d_msg) {
     set_state(d_msg, MESSENGER_STATE_STARTED);
+    const std::shared_ptr<Control> control = find_control(d_msg);
+    ReceiveBuffer buffer;
     for (;;) {
         int fd = connection_fd(d_msg);
         if (fd <= 0) {
             AM_ERROR("MESSENGER-TASK: Invalid socket");
             break;
         }
-        Event e = wait_event(d_msg, fd);
+        Event e = wait_event(control.get(), fd);
         if (e == Event::Stopped) break;
         if (e == Event::Readable) {
-            Received r = receive_one(d_msg, fd, false);
+            Received r = receive_one(d_msg, fd, buffer, false);
             if (r == Received::Delivered) continue;
             if (r == Received::Exit) break;
         }
@@ -541,6 +569,7 @@ void receive_as_client(Messenger_t* d_msg) {
 // a socket path or a handler's strings) may reach the thread's start, which
 // would end the process: the loop then ends as a failed connection does.
 void* run_receive_thread(void* arg, void (*loop)(Messenger_t*), const char* name) {
+    appmgr::threads::StackWatch stack_watch(appmgr::threads::Kind::Receive);
     auto* d_msg = static_cast<Messenger_t*>(arg);
     appmgr::c_entry_void(name, [&] { loop(d_msg); });
     set_state(d_msg, MESSENGER_STATE_STOPPING);

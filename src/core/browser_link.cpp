@@ -13,14 +13,13 @@
 #include <cerrno>
 #include <ctime>
 #include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "app_mgr.h"
 #include "app_mgr_state.h"
 #include "common/c_api.h"
 #include "common/log.h"
 #include "common/seams.h"
+#include "common/threads.h"
 #include "core/core.h"
 #include "hbb_platform.h"
 #include "state/state.h"
@@ -51,7 +50,14 @@ bool g_closing = false;                // the library is closing: waits give up
 // The thread of the wait started after a crash (joined by the next crash
 // that needs a thread, or by stop_browser_waits).
 std::mutex g_thread_mutex;
-std::thread g_wait_thread;
+pthread_t g_wait_thread;
+bool g_wait_thread_joinable = false;  // guarded by g_thread_mutex
+
+void join_wait_thread_locked() {
+    if (!g_wait_thread_joinable) return;
+    pthread_join(g_wait_thread, nullptr);
+    g_wait_thread_joinable = false;
+}
 
 timespec deadline_from_now() {
     timespec t;
@@ -95,11 +101,13 @@ int wait_locked(unsigned long reports) {
 
 // Reports are counted from the crash, not from when this thread runs: the
 // browser may have reconnected and reported in between.
-void wait_after_crash() {
+void* wait_after_crash(void*) {
+    appmgr::threads::StackWatch stack_watch(appmgr::threads::Kind::BrowserWait);
     pthread_mutex_lock(&appmgr_mutex);
     wait_locked(g_reports_at_crash);
     --g_waits;
     pthread_mutex_unlock(&appmgr_mutex);
+    return nullptr;
 }
 
 }  // namespace
@@ -154,13 +162,12 @@ void on_browser_crashed() {
     std::lock_guard<std::mutex> lock(g_thread_mutex);
     // The thread of an earlier wait has ended (no wait is in progress) or
     // is about to: join it before its successor starts.
-    if (g_wait_thread.joinable()) g_wait_thread.join();
-    try {
-        g_wait_thread = std::thread(wait_after_crash);
-    } catch (const std::exception&) {
-        // No thread (std::system_error) or no memory for its state
-        // (std::bad_alloc): the crash is handled without a wait.
-        AM_ERROR("cannot start the browser wait thread");
+    join_wait_thread_locked();
+    const int error = appmgr::threads::start(&g_wait_thread, appmgr::threads::Kind::BrowserWait,
+                                             wait_after_crash, nullptr);
+    g_wait_thread_joinable = error == 0;
+    if (error != 0) {
+        AM_ERROR("cannot start the browser wait thread (%d)", error);
         pthread_mutex_lock(&appmgr_mutex);
         --g_waits;
         pthread_mutex_unlock(&appmgr_mutex);
@@ -175,7 +182,7 @@ void stop_browser_waits() {
     pthread_mutex_unlock(&appmgr_mutex);
     {
         std::lock_guard<std::mutex> lock(g_thread_mutex);
-        if (g_wait_thread.joinable()) g_wait_thread.join();
+        join_wait_thread_locked();
     }
     pthread_mutex_lock(&appmgr_mutex);
     g_closing = false;

@@ -5,33 +5,12 @@
 
 #include "app_mgr_search.h"
 #include "common/log.h"
+#include "common/threads.h"
 #include "eit_scan.h"
 #include "search_slot.h"
 
 namespace appmgr::epg {
 
-namespace {
-
-// Owns a pthread attribute object for the duration of a thread creation.
-class ThreadAttributes {
-public:
-    ThreadAttributes() { ok_ = pthread_attr_init(&attr_) == 0; }
-    ~ThreadAttributes() {
-        if (ok_) pthread_attr_destroy(&attr_);
-    }
-    ThreadAttributes(const ThreadAttributes&) = delete;
-    ThreadAttributes& operator=(const ThreadAttributes&) = delete;
-    bool set_stack_size(std::size_t size) {
-        return ok_ && pthread_attr_setstacksize(&attr_, size) == 0;
-    }
-    const pthread_attr_t* get() const { return ok_ ? &attr_ : nullptr; }
-
-private:
-    pthread_attr_t attr_{};
-    bool ok_ = false;
-};
-
-}  // namespace
 
 SearchTask::SearchTask(SearchSlot& slot) : slot_(slot) {}
 
@@ -43,12 +22,7 @@ SearchTask::~SearchTask() {
 }
 
 bool SearchTask::start() {
-    ThreadAttributes attributes;
-    if (!attributes.set_stack_size(kSearchTaskStackSize)) {
-        AM_ERROR("Unable to start Searching Task !");
-        return false;
-    }
-    if (pthread_create(&thread_, attributes.get(), &SearchTask::entry, this) != 0) {
+    if (threads::start(&thread_, threads::Kind::Search, &SearchTask::entry, this) != 0) {
         AM_ERROR("Unable to start Searching Task !");
         return false;
     }
@@ -66,6 +40,7 @@ void SearchTask::join() {
 }
 
 void* SearchTask::entry(void* self) {
+    threads::StackWatch stack_watch(threads::Kind::Search);
     static_cast<SearchTask*>(self)->run();
     return nullptr;
 }

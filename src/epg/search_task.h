@@ -12,23 +12,6 @@ namespace appmgr::epg {
 
 class SearchSlot;
 
-// Stack of a search thread. A scan needs a few kilobytes (one event record,
-// a programme-id buffer, the log and send paths); 64 KiB leave a wide margin
-// and keep 128 live searches at 8 MiB of stacks, where the platform default
-// (8 MiB each) would take a whole gigabyte of a 32-bit address space.
-// Sanitizer builds need several times more stack per frame.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kSearchTaskStackSize = 512 * 1024;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr std::size_t kSearchTaskStackSize = 512 * 1024;
-#else
-constexpr std::size_t kSearchTaskStackSize = 64 * 1024;
-#endif
-#else
-constexpr std::size_t kSearchTaskStackSize = 64 * 1024;
-#endif
-
 class SearchTask {
 public:
     explicit SearchTask(SearchSlot& slot);

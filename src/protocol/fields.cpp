@@ -78,6 +78,14 @@ char* next_field(char* text, char* param, std::size_t param_size) {
 }
 
 ErrorType_t send_reply(Mng_ConnectionType_t connection, std::string_view reply) {
+    // Most replies are short: they are terminated in a buffer on the stack,
+    // and only long ones (records, lists) take a copy on the heap.
+    char small[512];
+    if (reply.size() < sizeof(small)) {
+        std::memcpy(small, reply.data(), reply.size());
+        small[reply.size()] = '\0';
+        return connection::send(connection, small, reply.size() + 1);
+    }
     std::string bytes(reply);
     bytes.push_back('\0');
     return connection::send(connection, bytes.data(), bytes.size());

@@ -1,7 +1,9 @@
 // Which families of request ids each connection takes, and the serving of
 // one request.
+#include <algorithm>
 #include <cstdlib>
 #include <initializer_list>
+#include <vector>
 
 #include "common/log.h"
 #include "protocol/protocol.h"
@@ -58,24 +60,55 @@ const RequestRow* RequestTable::find(int id) const {
 
 namespace {
 
-const RequestRow* find_in(std::initializer_list<const RequestTable*> families, int id) {
-    for (const RequestTable* family : families)
-        if (const RequestRow* row = family->find(id)) return row;
-    return nullptr;
-}
+// The rows a connection serves, sorted by id for a binary search: every
+// request goes through this lookup. Where two families have the same id,
+// the row of the family named first serves it. Built on first use and never
+// destroyed: a receive thread may still look a row up while the process
+// exits.
+class ConnectionRows {
+public:
+    ConnectionRows(std::initializer_list<const RequestTable*> families) {
+        for (const RequestTable* family : families)
+            for (std::size_t i = 0; i < family->count; ++i) rows_.push_back(&family->rows[i]);
+        std::stable_sort(rows_.begin(), rows_.end(),
+                         [](const RequestRow* a, const RequestRow* b) { return a->id < b->id; });
+        rows_.erase(std::unique(rows_.begin(), rows_.end(),
+                                [](const RequestRow* a, const RequestRow* b) { return a->id == b->id; }),
+                    rows_.end());
+    }
+    const RequestRow* find(int id) const {
+        auto it = std::lower_bound(rows_.begin(), rows_.end(), id,
+                                   [](const RequestRow* row, int wanted) { return row->id < wanted; });
+        return it != rows_.end() && (*it)->id == id ? *it : nullptr;
+    }
+
+private:
+    std::vector<const RequestRow*> rows_;
+};
 
 }  // namespace
 
 const RequestRow* find_request(Mng_ConnectionType_t connection, int id) {
     switch (connection) {
-        case MNG_CONNECTION_TYPE_APP: return find_in({&kApplicationMessages}, id);
-        case MNG_CONNECTION_TYPE_H_PUGINS:
-            return find_in({&kBroadcastRequests, &kReceiverRequests, &kApplicationControlRequests,
-                            &kSearchRequests, &kComponentRequests, &kMediaRequests,
-                            &kBrowserRequests},
-                           id);
-        case MNG_CONNECTION_TYPE_C_PUGINS: return find_in({&kMediaRequests}, id);
-        case MNG_CONNECTION_TYPE_DSMCC: return find_in({&kDsmccRequests}, id);
+        case MNG_CONNECTION_TYPE_APP: {
+            static const ConnectionRows& rows = *new ConnectionRows{&kApplicationMessages};
+            return rows.find(id);
+        }
+        case MNG_CONNECTION_TYPE_H_PUGINS: {
+            static const ConnectionRows& rows = *new ConnectionRows{
+                &kBroadcastRequests, &kReceiverRequests, &kApplicationControlRequests,
+                &kSearchRequests,    &kComponentRequests, &kMediaRequests,
+                &kBrowserRequests};
+            return rows.find(id);
+        }
+        case MNG_CONNECTION_TYPE_C_PUGINS: {
+            static const ConnectionRows& rows = *new ConnectionRows{&kMediaRequests};
+            return rows.find(id);
+        }
+        case MNG_CONNECTION_TYPE_DSMCC: {
+            static const ConnectionRows& rows = *new ConnectionRows{&kDsmccRequests};
+            return rows.find(id);
+        }
         default: return nullptr;
     }
 }

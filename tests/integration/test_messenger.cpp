@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstring>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -130,4 +131,62 @@ TEST_F(MessengerTest, UnknownPortHasNoSocketPath) {
     start("Other", 9600);
     ASSERT_TRUE(log_.waitFor("Unknown message port", 3000));
     EXPECT_TRUE(log_.waitFor("MESSENGER-TASK-SERVER: Server error", 3000));
+}
+
+// The receive buffer is cleared only as far as the last block reached: a
+// short block after a long one, and after a callback that wrote all over
+// the buffer, still arrives terminated right after its last byte.
+TEST_F(MessengerTest, ShortBlockAfterALongOneIsTerminated) {
+    start("dtvPlugins", 9514);
+    ASSERT_TRUE(browser_.connect(Connection::DtvPlugins, 3000));
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(browser_.send(Connection::DtvPlugins, std::string(3000, 'a')));
+    ASSERT_TRUE(inbox_.waitFor(1));
+    ASSERT_TRUE(browser_.send(Connection::DtvPlugins, "bc|"));
+    ASSERT_TRUE(inbox_.waitFor(2));
+    std::lock_guard<std::mutex> lock(inbox_.mutex);
+    EXPECT_EQ(inbox_.blocks[1], "bc|");
+    EXPECT_TRUE(inbox_.terminated[1]);
+}
+
+namespace {
+// The first block: the callback writes over the whole buffer; the second
+// block is recorded up to its first zero byte.
+struct Scribbler {
+    std::mutex mutex;
+    std::condition_variable cv;
+    int calls = 0;
+    std::string second;
+    static int callback(void* data, char* buff, int) {
+        auto* self = static_cast<Scribbler*>(static_cast<Messenger_t*>(data)->priv);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        if (self->calls++ == 0)
+            std::memset(buff, 'x', 4096);
+        else
+            self->second.assign(buff);
+        self->cv.notify_all();
+        return 0;
+    }
+    bool waitFor(int calls_wanted) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cv.wait_for(lock, std::chrono::seconds(3), [&] { return calls >= calls_wanted; });
+    }
+};
+}  // namespace
+
+TEST_F(MessengerTest, CallbackWritingIntoTheBufferCannotUnterminateTheNextBlock) {
+    Scribbler scribbler;
+    m_.msg_type = MESSENGER_TYPE_SERVER;
+    strncpy(m_.name, "dtvPlugins", sizeof(m_.name) - 1);
+    m_.msg_port = 9514;
+    ASSERT_EQ(messenger_init(&m_, &Scribbler::callback, &scribbler), RET_OK);
+    ASSERT_EQ(messenger_start(&m_), RET_OK);
+    ASSERT_TRUE(browser_.connect(Connection::DtvPlugins, 3000));
+    ASSERT_TRUE(connected());
+    ASSERT_TRUE(browser_.send(Connection::DtvPlugins, "1|"));
+    ASSERT_TRUE(scribbler.waitFor(1));
+    ASSERT_TRUE(browser_.send(Connection::DtvPlugins, "22|"));
+    ASSERT_TRUE(scribbler.waitFor(2));
+    messenger_stop(&m_);
+    EXPECT_EQ(scribbler.second, "22|");
 }

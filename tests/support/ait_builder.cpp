@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "hbb_sim.h"
+
 namespace appmgr::test {
 
 namespace {
@@ -71,6 +73,19 @@ AppSpec http_app(int org, int app, const std::string& url, ControlCode control) 
     s.protocol = 3;
     s.control = control;
     return s;
+}
+
+void add_tv_channel(const char* ccid, int sid, const char* name) {
+    Channel c{};
+    c.type = CHANNEL_TYPE_TV;
+    c.ccid = const_cast<char*>(ccid);
+    c.onid = 1;
+    c.tsid = 2;
+    c.sid = sid;
+    c.name = const_cast<char*>(name);
+    c.idType = 12;
+    c.nid = 10;
+    hbb_sim_add_channel(&c);
 }
 
 }  // namespace appmgr::test

@@ -44,4 +44,8 @@ private:
 // An HTTP entry (protocol 3) with the given ids and URL.
 AppSpec http_app(int org, int app, const std::string& url, ControlCode control = AUTOSTART);
 
+// Adds a TV service 1.2.<sid> (network 10) to the simulated platform's
+// channel list.
+void add_tv_channel(const char* ccid, int sid, const char* name);
+
 }  // namespace appmgr::test

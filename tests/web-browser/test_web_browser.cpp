@@ -27,27 +27,14 @@ constexpr int kTag = 1;
 const std::string kIndex = "dvb://1.2.3.1/index.html";
 const std::string kSecond = "dvb://1.2.3.1/second.html";
 
-void add_channel(const char* ccid, int sid, const char* name) {
-    Channel c{};
-    c.type = CHANNEL_TYPE_TV;
-    c.ccid = const_cast<char*>(ccid);
-    c.onid = 1;
-    c.tsid = 2;
-    c.sid = sid;
-    c.name = const_cast<char*>(name);
-    c.idType = 12;
-    c.nid = 10;
-    hbb_sim_add_channel(&c);
-}
-
 class WebBrowserTest : public LibraryTest {
 protected:
     void SetUp() override {
         LibraryTest::SetUp();
         // Chromium's start counts against the library's wait for the browser.
         seams::set_browser_wait_seconds(30);
-        add_channel("ccid:1.2.3", 3, "One");
-        add_channel("ccid:1.2.4", 4, "Two");
+        add_tv_channel("ccid:1.2.3", 3, "One");
+        add_tv_channel("ccid:1.2.4", 4, "Two");
         hbb_sim_set_current_channel(0);
         ASSERT_EQ(hbb_sim_set_carousel(kTag, APPMGR_WEB_BROWSER_DATA "/carousel/"), 0);
         set_terminal_version(1, 7, 1);
