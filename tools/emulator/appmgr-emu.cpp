@@ -476,6 +476,8 @@ int runEmulator(const Options& o) {
         removeRunFiles();
         return 1;
     }
+    if (o.browser == "chromium" && !scenario->time_limit_given)
+        scenario->time_limit_s = std::max(scenario->time_limit_s, kDefaultChromiumTimeLimitSeconds);
     const bool builtin = !o.scenario_file && !capture_spec && !o.testsuite;
     std::unique_ptr<BrowserSide> browser = makeBrowserSide(o);
     printBanner(private_run, *browser, builtin);

@@ -29,6 +29,9 @@ constexpr int kRemoteInputPort = 3585;
 // Longest time a scenario may run, and the default.
 constexpr int kMaxTimeLimitSeconds = 300;
 constexpr int kDefaultTimeLimitSeconds = 20;
+// The default with the real browser: Chromium alone may take up to 30 s to
+// start and connect on a loaded machine, and each page load up to 15 s.
+constexpr int kDefaultChromiumTimeLimitSeconds = 60;
 // Longest single "wait".
 constexpr int kMaxWaitMs = 10000;
 // Limits that keep a hostile file from growing the run without bound.
@@ -208,6 +211,7 @@ struct Scenario {
     std::string path;
     std::string title;
     int time_limit_s = kDefaultTimeLimitSeconds;
+    bool time_limit_given = false;  // the file set time_limit
     // channels[0] is the service; without [service] (a [capture] brings the
     // channels) there may be none.
     std::vector<ChannelSpec> channels;

@@ -62,8 +62,9 @@ void readScenarioSection(ScenarioBuilder& b, const std::vector<FoundSection>&) {
     const Reader& r = b.reader;
     r.allowOnly("scenario", {"title", "time_limit"});
     b.scenario.title = r.get("scenario", "title").value_or("");
-    b.scenario.time_limit_s = static_cast<int>(
-        r.integer("scenario", "time_limit", 1, kMaxTimeLimitSeconds).value_or(kDefaultTimeLimitSeconds));
+    const auto limit = r.integer("scenario", "time_limit", 1, kMaxTimeLimitSeconds);
+    b.scenario.time_limit_given = limit.has_value();
+    b.scenario.time_limit_s = static_cast<int>(limit.value_or(kDefaultTimeLimitSeconds));
 }
 
 // ---- [service] and [channel.NAME] ------------------------------------------------------
