@@ -460,10 +460,10 @@ int runEmulator(const Options& o) {
         scenario = loadTestsuite(o, groups, private_run.isolated);
     } else if (!scenario && capture_spec) {
         // The scenario around a capture given alone.
-        const CaptureSpec spec = *capture_spec;
+        const CaptureSpec wanted = *capture_spec;
         scenario = loadWritten(
             private_run.isolated,
-            [&spec](const std::string& dir, std::string* error) { return writeCaptureScenario(dir, spec, error); },
+            [&wanted](const std::string& dir, std::string* error) { return writeCaptureScenario(dir, wanted, error); },
             kCaptureScenarioName);
     } else if (!scenario) {
         scenario = loadWritten(private_run.isolated, writeBuiltinScenario, kBuiltinScenarioName);

@@ -62,14 +62,14 @@ CaptureInput::~CaptureInput() {
     ts::set_log_default();
 }
 
-std::string CaptureInput::open(const CaptureSpec& spec) {
-    spec_ = spec;
+std::string CaptureInput::open(const CaptureSpec& wanted) {
+    wanted_ = wanted;
     auto player = std::make_unique<ts::CapturePlayer>();
     ts::PlayerOptions options;
-    options.source = spec.path;
-    options.service = spec.service;
-    options.realtime = spec.realtime;
-    options.broadband = spec.broadband;
+    options.source = wanted.path;
+    options.service = wanted.service;
+    options.realtime = wanted.realtime;
+    options.broadband = wanted.broadband;
     options.carousel_dir = carouselRoot();
     if (!player->open(options)) return player->error();
     player_ = std::move(player);
@@ -77,11 +77,11 @@ std::string CaptureInput::open(const CaptureSpec& spec) {
 }
 
 std::string CaptureInput::description() const {
-    return "capture " + (spec_.source == "-" ? std::string("on standard input") : spec_.source) + " (" +
-           (spec_.service >= 0 ? "service " + hex(spec_.service)
+    return "capture " + (wanted_.source == "-" ? std::string("on standard input") : wanted_.source) + " (" +
+           (wanted_.service >= 0 ? "service " + hex(wanted_.service)
                                : "the first service whose PMT signals an HbbTV AIT") +
-           ", " + (spec_.realtime ? "paced by its PCR" : "as fast as it is read") +
-           (spec_.broadband ? "" : ", carousel transports preferred") + ")";
+           ", " + (wanted_.realtime ? "paced by its PCR" : "as fast as it is read") +
+           (wanted_.broadband ? "" : ", carousel transports preferred") + ")";
 }
 
 void CaptureInput::attach(ClaimLog<Decision>& decisions) {
@@ -100,7 +100,7 @@ void CaptureInput::beforeAit(const AitTable& t, uint16_t pid) {
                 quoted(t.dvb_url) + ", " + std::to_string(t.app_lenght) + " application" +
                 (t.app_lenght == 1 ? "" : "s") + ")   [AIT subscription]");
     for (int i = 0; i < t.app_lenght && t.apps; ++i) emit(describeEntry(i, t.apps[i]));
-    if (spec_.service < 0 && player_->capture().service_of_pid(pid) < 0)
+    if (wanted_.service < 0 && player_->capture().service_of_pid(pid) < 0)
         emit("          (no PMT names pid " + hex(pid) + " and no service was given: its service id " +
              std::to_string(player_->service()) + " is a guess; give the service with --service SID or " +
              "[capture] service)");
@@ -158,7 +158,7 @@ void CaptureInput::stop() {
 // decoders skipped and the counts "expect capture" checks.
 void CaptureInput::report() const {
     const ts::PlayerStats& stats = player_->stats();
-    if (spec_.realtime && stats.pcr_packets == 0)
+    if (wanted_.realtime && stats.pcr_packets == 0)
         emit("capture   no PCR in the capture: it played as fast as it was read");
     const ts::Capture& capture = player_->capture();
     for (const auto& [sid, info] : capture.services()) {

@@ -44,9 +44,8 @@ public:
     // Opens the capture's source; "" or why it cannot be read. Called before
     // the run moves into its private /tmp and network: the open file, or the
     // UDP socket bound on the machine's loopback, stays usable there.
-    std::string open(const CaptureSpec& spec);
+    std::string open(const CaptureSpec& wanted);
     bool isOpen() const { return player_ != nullptr; }
-    const CaptureSpec& spec() const { return spec_; }
     // "capture x.ts (service 0xd49, as fast as it is read)".
     std::string description() const;
 
@@ -75,7 +74,7 @@ private:
     void afterAit(const AitTable& table);
     void report() const;
 
-    CaptureSpec spec_;
+    CaptureSpec wanted_;
     std::unique_ptr<ts::CapturePlayer> player_;
     ClaimLog<Decision>* decisions_ = nullptr;
     bool played_ = false;

@@ -33,9 +33,9 @@ const EVENT_SPACING_MS = 30;
 const RETRY_MS = 50;
 
 class Connection {
-  constructor(link, spec) {
+  constructor(link, desc) {
     this.link = link;
-    this.spec = spec;
+    this.desc = desc;
     this.socket = null;
     this.buffer = '';
     this.queue = [];      // { raw, content, timeoutMs, resolve, reject }
@@ -48,7 +48,7 @@ class Connection {
 
   connect() {
     return new Promise((resolve) => {
-      const socketPath = path.join(this.link.dir, this.spec.file);
+      const socketPath = path.join(this.link.dir, this.desc.file);
       const socket = net.createConnection({ path: socketPath });
       socket.once('connect', () => {
         socket.removeAllListeners('error');
@@ -67,7 +67,7 @@ class Connection {
     // A peer that went away shows as EPIPE or ECONNRESET on the next
     // write; the close that follows reports it.
     socket.on('error', (err) => {
-      if (err.code !== 'EPIPE' && err.code !== 'ECONNRESET') this.link.log(`${this.spec.name}: ${err.message}`);
+      if (err.code !== 'EPIPE' && err.code !== 'ECONNRESET') this.link.log(`${this.desc.name}: ${err.message}`);
     });
     socket.on('close', () => this.onClose());
   }
@@ -75,11 +75,11 @@ class Connection {
   onData(text) {
     this.buffer += text;
     if (this.buffer.length > MAX_BUFFERED) {
-      this.link.log(`${this.spec.name}: more than ${MAX_BUFFERED} bytes without a complete message; reconnecting`);
+      this.link.log(`${this.desc.name}: more than ${MAX_BUFFERED} bytes without a complete message; reconnecting`);
       this.drop();
       return;
     }
-    if (this.spec.frames) this.readFrames();
+    if (this.desc.frames) this.readFrames();
     else this.readReplies();
   }
 
@@ -88,19 +88,19 @@ class Connection {
       const r = wire.decodeFrame(this.buffer);
       if (r.status === wire.INCOMPLETE) return;
       if (r.status === wire.MALFORMED) {
-        this.link.log(`${this.spec.name}: malformed frame dropped: ${JSON.stringify(this.buffer.slice(0, 80))}`);
+        this.link.log(`${this.desc.name}: malformed frame dropped: ${JSON.stringify(this.buffer.slice(0, 80))}`);
         this.buffer = '';
         return;
       }
       this.buffer = r.rest;
-      this.link.emit('frame', this.spec.name, r.frame);
+      this.link.emit('frame', this.desc.name, r.frame);
     }
   }
 
   readReplies() {
     while (this.buffer.length > 0) {
       if (!this.active) {
-        this.link.log(`${this.spec.name}: unexpected bytes with no request pending dropped`);
+        this.link.log(`${this.desc.name}: unexpected bytes with no request pending dropped`);
         this.buffer = '';
         return;
       }
@@ -122,8 +122,8 @@ class Connection {
   // Queues a request; resolves with its reply.
   request(raw, { content = false, timeoutMs = 3000 } = {}) {
     return new Promise((resolve, reject) => {
-      if (!this.connected) { reject(new Error(`${this.spec.name} is not connected`)); return; }
-      if (this.queue.length >= MAX_QUEUED) { reject(new Error(`${this.spec.name} is busy`)); return; }
+      if (!this.connected) { reject(new Error(`${this.desc.name} is not connected`)); return; }
+      if (this.queue.length >= MAX_QUEUED) { reject(new Error(`${this.desc.name} is busy`)); return; }
       this.queue.push({ raw, content, timeoutMs, resolve, reject });
       if (!this.active) this.next();
     });
@@ -133,13 +133,13 @@ class Connection {
     if (this.active || this.queue.length === 0 || !this.connected) return;
     this.active = this.queue.shift();
     const req = this.active;
-    this.link.emit('sent', this.spec.name, req.raw);
+    this.link.emit('sent', this.desc.name, req.raw);
     this.socket.write(Buffer.from(req.raw, 'latin1'));
     this.timer = setTimeout(() => {
       // No reply in time (an id the library does not serve gets none). A
       // late reply would be taken for the next request's, so the connection
       // starts afresh.
-      this.link.log(`${this.spec.name}: no reply to ${JSON.stringify(req.raw.slice(0, 60))} within ${req.timeoutMs} ms; reconnecting`);
+      this.link.log(`${this.desc.name}: no reply to ${JSON.stringify(req.raw.slice(0, 60))} within ${req.timeoutMs} ms; reconnecting`);
       this.finish();
       req.reject(new Error('no reply'));
       this.drop();
@@ -160,7 +160,7 @@ class Connection {
     this.lastEventAt = at;
     const write = () => {
       if (!this.socket) return;
-      this.link.emit('sent', this.spec.name, raw);
+      this.link.emit('sent', this.desc.name, raw);
       this.socket.write(Buffer.from(raw, 'latin1'));
     };
     if (at === now) write(); else setTimeout(write, at - now);
@@ -181,7 +181,7 @@ class Connection {
   onClose() {
     this.socket = null;
     this.buffer = '';
-    this.failAll(`${this.spec.name} closed`);
+    this.failAll(`${this.desc.name} closed`);
     this.link.onConnectionClosed(this);
   }
 }
@@ -197,16 +197,16 @@ class LibraryLink extends EventEmitter {
     super();
     this.dir = dir;
     this.log = log;
-    this.connections = CONNECTIONS.map((spec) => new Connection(this, spec));
+    this.connections = CONNECTIONS.map((desc) => new Connection(this, desc));
     this.up = false;
     this.closing = false;
     this.connecting = null;
   }
 
   connection(name) {
-    const spec = BY_NAME[name];
-    if (!spec) throw new Error(`unknown connection ${name}`);
-    return this.connections[spec.index];
+    const desc = BY_NAME[name];
+    if (!desc) throw new Error(`unknown connection ${name}`);
+    return this.connections[desc.index];
   }
 
   // Connects whatever is not connected, retrying until `deadline` (ms since
@@ -238,7 +238,7 @@ class LibraryLink extends EventEmitter {
 
   onConnectionClosed(conn) {
     if (this.closing) return;
-    if (conn.spec.name === 'Application') {
+    if (conn.desc.name === 'Application') {
       // The library went away (closed, or restarts): drop the rest too and
       // wait for it to listen again.
       const wasUp = this.up;
