@@ -5,6 +5,12 @@
 #   libapp-mgr-tools       tools    the simulated platform, appmgr-emu, appmgr-ts,
 #                                   appmgr-browser
 #
+# and, when the build has debug information (RelWithDebInfo, Debug), the
+# debug symbols of the first and the last as <package>-dbgsym .ddeb files,
+# as Debian's own builds make them: the packaged binaries are stripped and
+# name their symbols by build ID (/usr/lib/debug/.build-id/), so a crash
+# report from a receiver can be read against the dbgsym of its version.
+#
 # Made by running `cpack` in a built tree (into <build>/packages; the
 # README has the commands). Files go where the build's install rules put
 # them, under /usr: a build configured with CMAKE_INSTALL_PREFIX=/usr has
@@ -58,7 +64,27 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
+if(CMAKE_BUILD_TYPE MATCHES "^(RelWithDebInfo|Debug)$")
+  set(_deb_debug_symbols ON)
+else()
+  set(_deb_debug_symbols OFF)
+endif()
+option(APPMGR_DEB_DEBUG_SYMBOLS "Debian packages: -dbgsym packages of the debug information"
+       ${_deb_debug_symbols})
+if(APPMGR_DEB_DEBUG_SYMBOLS)
+  # CPack splits the debug information out and strips what it packages,
+  # with the target's tools in a cross build.
+  set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+  set(CPACK_STRIP_FILES OFF)
+  if(CMAKE_OBJCOPY)
+    set(CPACK_OBJCOPY_EXECUTABLE ${CMAKE_OBJCOPY})
+  endif()
+  if(CMAKE_READELF)
+    set(CPACK_READELF_EXECUTABLE ${CMAKE_READELF})
+  endif()
+else()
+  set(CPACK_STRIP_FILES ON)
+endif()
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # Packages are made into the build tree, never into the source tree.
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)

@@ -14,7 +14,10 @@
 #      run on its library and simulated platform);
 #   5. the runtime package's shlibs file gives a program built against the
 #      library a dependency on the runtime package of this version or later;
-#   6. the packaged emulator runs its built-in scenario from the root.
+#   6. the packaged emulator runs its built-in scenario from the root;
+#   7. a build with debug information also makes the -dbgsym packages of the
+#      runtime and tools packages: they install beside them, and the
+#      packaged library is stripped and finds its symbols there by build ID.
 #
 # Why dpkg --root and not dpkg-deb --extract: dpkg checks the dependencies,
 # unpacks, configures and records the packages as on a receiver image,
@@ -178,3 +181,22 @@ echo "a program built against $soname depends on $consumer_depends"
   { cat "$work/emu.log" >&2; fail "the packaged appmgr-emu failed its built-in scenario"; }
 grep -m1 'scenario passed' "$work/emu.log" ||
   { cat "$work/emu.log" >&2; fail "the packaged appmgr-emu did not report its scenario passed"; }
+
+# ---- 7. debug symbols -------------------------------------------------------------
+if readelf -S --wide "$APPMGR_LIBRARY" | grep -q ' \.debug_info '; then
+  ddebs=()
+  for name in "$runtime_name" libapp-mgr-tools; do
+    ddeb=$(compgen -G "$work/cpack/${name}-dbgsym_*.ddeb") || fail "no ${name}-dbgsym package was made"
+    [ "$(field "$ddeb" Depends)" = "$name (= $version)" ] || fail "${name}-dbgsym does not depend on $name (= $version)"
+    ddebs+=("$ddeb")
+  done
+  quiet "${dpkg_cmd[@]}" --root="$root" --log="$work/dpkg.log" --install "${ddebs[@]}"
+  ! readelf -S --wide "$library" | grep -q ' \.debug_info ' || fail "the packaged $soname keeps its debug information"
+  id=$(readelf -n "$library" | sed -n 's/.*Build ID: *//p')
+  [ -n "$id" ] || fail "the packaged $soname has no build ID"
+  debug=$root/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug
+  [ -f "$debug" ] || fail "${runtime_name}-dbgsym has no $debug"
+  [ "$(readelf -n "$debug" | sed -n 's/.*Build ID: *//p')" = "$id" ] || fail "$debug is not for the packaged library"
+  readelf -S --wide "$debug" | grep -q ' \.debug_info ' || fail "$debug holds no debug information"
+  echo "debug symbols: ${runtime_name}-dbgsym and libapp-mgr-tools-dbgsym, the library's by build ID $id"
+fi
